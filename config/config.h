@@ -1,0 +1,92 @@
+#pragma once
+
+#include "log/log.h"
+
+#include <QObject>
+#include <QSettings>
+#include <QString>
+
+namespace Tarvik {
+
+// Every setting of the service, kept in one INI file. The file is read once at
+// construction; afterwards the records in memory are the truth and each setter
+// rewrites the whole file.
+class Config : public QObject
+{
+    Q_OBJECT
+
+public:
+    struct Ipv4Config {
+        QString method;
+        QString address;
+        QString netmask;
+        QString gateway;
+        QString dns0;
+        QString dns1;
+    };
+
+    struct Mqtt {
+        QString url;
+        quint16 port = 0;
+        QString user;
+        QString pass;
+        QString base;
+    };
+
+    struct Ethernet {
+        QString id;
+        bool autocon = false;
+        Ipv4Config ipv4;
+    };
+
+    struct Wifi {
+        QString id;
+        bool autocon = false;
+        QString ssid;
+        QString key;
+        Ipv4Config ipv4;
+    };
+
+    struct Modem {
+        QString id;
+        bool autocon = false;
+        QString username;
+        QString password;
+        QString apn;
+        QString networkId;
+        QString pin;
+        Ipv4Config ipv4;
+        int usageSec = 0;
+    };
+
+    Config(const QString& fileName, QObject* parent);
+    ~Config() override;
+
+    const Mqtt& mqtt() const;
+    const Ethernet& ethernet() const;
+    const Wifi& wifi() const;
+    const Modem& modem() const;
+
+    void setMqtt(const Mqtt& mqtt);
+    void setEthernet(const Ethernet& ethernet);
+    void setWifi(const Wifi& wifi);
+    void setModem(const Modem& modem);
+
+    void readConfiguration();
+    void writeConfiguration();
+    void writeDefaultConfiguration();
+    void printConfiguration();
+
+    static bool fileExists(const QString& path);
+
+private:
+    void log(Log::Level level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+    QSettings* m_settings = nullptr;
+    Mqtt m_mqtt;
+    Ethernet m_ethernet;
+    Wifi m_wifi;
+    Modem m_modem;
+};
+
+} // namespace Tarvik

@@ -1,0 +1,119 @@
+#pragma once
+
+#include "config/config.h"
+#include "ipc/ipc.h"
+#include "log/log.h"
+
+#include <NetworkManagerQt/AccessPoint>
+#include <NetworkManagerQt/ActiveConnection>
+#include <NetworkManagerQt/Connection>
+#include <NetworkManagerQt/ConnectionSettings>
+#include <NetworkManagerQt/Device>
+#include <NetworkManagerQt/Ipv4Setting>
+#include <NetworkManagerQt/Manager>
+#include <NetworkManagerQt/ModemDevice>
+#include <QJsonObject>
+#include <QMap>
+#include <QObject>
+#include <QSettings>
+#include <QString>
+#include <QTimer>
+
+#include <memory>
+
+namespace Tarvik {
+
+// The centre of the service: dispatches commands, watches NetworkManager,
+// keeps one profile per device in line with the configuration and counts
+// the modem's data usage.
+class Engine : public QObject
+{
+    Q_OBJECT
+
+public:
+    Engine(const QString& configPath, QObject* parent);
+    ~Engine() override;
+
+    void start();
+    void stop();
+
+private slots:
+    void onIPCConnected(const QString& url);
+    void onIPCDiscconnected();
+    void onIPCCommandReceived(const QString& command, const QJsonObject& data);
+    void onStatusChanged(NetworkManager::Status status);
+    void onPrimaryConnectionChanged(const QString& uni);
+    void onDeviceAdded(const QString& uni);
+    void onDeviceRemoved(const QString& uni);
+    void onDeviceStateChanged(NetworkManager::Device::State newstate, NetworkManager::Device::State oldstate,
+                              NetworkManager::Device::StateChangeReason reason);
+    void onDeviceManagedChanged();
+    void onInterfaceNameChanged();
+
+private:
+    using CommandHandler = void (Engine::*)(const QJsonObject&);
+
+    // One reading of the modem's data interface counters.
+    struct ModemReading {
+        quint64 duration = 0;
+        quint64 txBytes = 0;
+        quint64 rxBytes = 0;
+    };
+
+    void log(Log::Level level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+    // Core and dispatch (engine.cpp)
+    NetworkManager::Device::Ptr findDevice(const QString& name, NetworkManager::Device::Type type);
+    void processNetworkStatusCommand(const QJsonObject& payload);
+    void processNetworkInfoCommand(const QJsonObject& payload);
+    void processEthernetStateGetCommand(const QJsonObject& payload);
+    void processEthernetConfigGetCommand(const QJsonObject& payload);
+    void processWifiStateGetCommand(const QJsonObject& payload);
+    void processWifiConfigGetCommand(const QJsonObject& payload);
+    void processWifiApsGetCommand(const QJsonObject& payload);
+    void processWifiNetworksGetCommand(const QJsonObject& payload);
+    void processModemStateGetCommand(const QJsonObject& payload);
+    void processModemConfigGetCommand(const QJsonObject& payload);
+
+    // Monitoring (monitoring.cpp)
+    void monitorNetwork();
+    void monitorDevice(NetworkManager::Device::Ptr device);
+    void unmonitorDevice(NetworkManager::Device::Ptr device);
+    NetworkManager::Device::Ptr getDeviceFromSender(QObject* sender);
+    NetworkManager::Device::Ptr getDeviceFromUni(const QString& uni);
+    NetworkManager::ActiveConnection::Ptr getConnectionFromUni(const QString& uni);
+
+    // Provisioning (provisioning.cpp)
+    void reload();
+    void reloadDevice(NetworkManager::Device::Ptr device);
+    NetworkManager::Connection::Ptr updateConnection(NetworkManager::Device::Ptr device, const Config& config);
+    bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
+                                  const QString& security);
+    bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4);
+    NetworkManager::Connection::Ptr findConnection(const QString& name, NetworkManager::Device::Ptr device);
+    NetworkManager::AccessPoint::Ptr findAccessPoint(NetworkManager::Device::Ptr device, const QString& ssid);
+
+    // Configuration commands (configcommands.cpp)
+    void processEthernetConfigSetCommand(const QJsonObject& payload);
+    void processWifiConfigSetCommand(const QJsonObject& payload);
+    void processModemConfigSetCommand(const QJsonObject& payload);
+
+    // Modem data usage (modemusage.cpp)
+    void startMonitorModemStats();
+    void stopMonitorModemStats();
+    void updateModemStats();
+    ModemReading getModemStats(NetworkManager::ModemDevice::Ptr device);
+    static qint64 readIntegerFromFile(const QString& path);
+    void publishModemStats();
+    void processModemStatsGetCommand(const QJsonObject& payload);
+    void pruneModemStats();
+
+    QTimer m_statsTimer;
+    QSettings m_stats;
+    std::unique_ptr<Config> m_config;
+    std::unique_ptr<IPC> m_ipc;
+    std::unique_ptr<QTimer> m_scanTimer;
+    QMap<QString, CommandHandler> m_commands;
+};
+
+} // namespace Tarvik

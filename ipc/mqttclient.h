@@ -1,0 +1,82 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+struct mosquitto;
+struct mosquitto_message;
+class QSocketNotifier;
+class QTimer;
+
+namespace Tarvik {
+
+// A small MQTT client on libmosquitto, driven by the Qt event loop of the
+// calling thread: socket notifiers for reading and writing, a timer for the
+// keep-alive housekeeping. No libmosquitto thread is ever started.
+class MqttClient : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum ClientState {
+        Disconnected = 0,
+        Connecting,
+        Connected
+    };
+    Q_ENUM(ClientState)
+
+    // Numbered like the error texts of the service: CONNACK codes 1..5, then
+    // transport, protocol and anything else from 256 on.
+    enum ClientError {
+        NoError = 0,
+        InvalidProtocolVersion = 1,
+        IdRejected = 2,
+        ServerUnavailable = 3,
+        BadUsernameOrPassword = 4,
+        NotAuthorized = 5,
+        TransportInvalid = 256,
+        ProtocolViolation,
+        UnknownError
+    };
+    Q_ENUM(ClientError)
+
+    explicit MqttClient(QObject* parent = nullptr);
+    ~MqttClient() override;
+
+    QString hostname() const;
+    void setHostname(const QString& hostname);
+    quint16 port() const;
+    void setPort(quint16 port);
+    QString username() const;
+    void setUsername(const QString& username);
+    QString password() const;
+    void setPassword(const QString& password);
+    int keepAlive() const;
+    void setKeepAlive(int seconds);
+
+    ClientState state() const;
+    ClientError error() const;
+
+    void connectToHost();
+    void disconnectFromHost();
+    // Drops the network connection at once, without a DISCONNECT packet.
+    void closeTransport();
+
+    bool subscribe(const QString& filter, int qos);
+    bool unsubscribe(const QString& filter);
+    // Returns the message id, or -1 when the message could not be queued.
+    int publish(const QString& topic, const QByteArray& payload, int qos, bool retain);
+
+signals:
+    void stateChanged(Tarvik::MqttClient::ClientState state);
+    void errorChanged(Tarvik::MqttClient::ClientError error);
+    void messageReceived(const QByteArray& message, const QString& topic);
+
+private:
+    // Implementation details are left to the implementation file.
+    struct Private;
+    Private* d;
+};
+
+} // namespace Tarvik

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "ipc/mqttclient.h"
+
+#include <ModemManagerQt/Interface>
+#include <NetworkManagerQt/AccessPoint>
+#include <NetworkManagerQt/ConnectionSettings>
+#include <NetworkManagerQt/Device>
+#include <NetworkManagerQt/Ipv4Setting>
+#include <NetworkManagerQt/Manager>
+#include <QString>
+
+namespace Tarvik {
+
+QString deviceTypeToString(NetworkManager::Device::Type type);
+QString connectionTypeToString(NetworkManager::ConnectionSettings::ConnectionType type);
+QString statusToString(NetworkManager::Status status);
+QString connectivityToString(NetworkManager::Connectivity connectivity);
+QString stateChangeReasonToString(NetworkManager::Device::StateChangeReason reason);
+QString ipv4SettingMethodToString(NetworkManager::Ipv4Setting::ConfigMethod method);
+NetworkManager::Ipv4Setting::ConfigMethod ipv4SettingMethodFromString(const QString& method);
+QString apModeToString(NetworkManager::AccessPoint::OperationMode mode);
+QString apSecurity(NetworkManager::AccessPoint::Ptr ap);
+// The decision behind apSecurity, on the three flag words read from an access point.
+QString apSecurityFromFlags(uint capabilities, int wpaFlags, int rsnFlags);
+QString apCapabilitiesTostring(NetworkManager::AccessPoint::Capabilities capabilities);
+QString modemInterfaceToString(ModemManager::Interface::Ptr iface);
+QString mqttErrorToString(MqttClient::ClientError error);
+
+} // namespace Tarvik
