@@ -64,6 +64,10 @@ private:
 
     // Core and dispatch (engine.cpp)
     NetworkManager::Device::Ptr findDevice(const QString& name, NetworkManager::Device::Type type);
+    // The device named by the payload's "interface" (or the first of the type); when there is none,
+    // publishes "Invalid device specified: <name>" for errorCommand and returns null.
+    NetworkManager::Device::Ptr findRequestedDevice(const QJsonObject& payload, NetworkManager::Device::Type type,
+                                                    const QString& errorCommand);
     void processNetworkStatusCommand(const QJsonObject& payload);
     void processNetworkInfoCommand(const QJsonObject& payload);
     void processEthernetStateGetCommand(const QJsonObject& payload);
