@@ -7,9 +7,7 @@
 #include <ModemManagerQt/Modem>
 #include <ModemManagerQt/ModemDevice>
 #include <QDateTime>
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QTextStream>
 
 namespace Tarvik {
@@ -83,8 +81,7 @@ void Engine::updateModemStats()
         deltaTx += low32(m_stats.value(txKey, 0));
     }
 
-    // QSettings does not create missing directories, and the store lives below the working directory.
-    QDir().mkpath(QFileInfo(m_stats.fileName()).absolutePath());
+    // sync() creates ./stats when it is missing.
     m_stats.setValue(rxKey, deltaRx);
     m_stats.setValue(txKey, deltaTx);
     m_stats.sync();
