@@ -1,22 +1,247 @@
 #include "engine/engine.h"
 
+#include "vocabulary/devicestate.h"
+#include "vocabulary/valuenames.h"
+
+#include <ModemManagerQt/Manager>
+#include <ModemManagerQt/Modem>
+#include <ModemManagerQt/ModemDevice>
+#include <NetworkManagerQt/Settings>
+#include <NetworkManagerQt/WiredDevice>
+#include <NetworkManagerQt/WirelessDevice>
+#include <NetworkManagerQt/WirelessNetwork>
+#include <QDBusPendingReply>
+
 namespace Tarvik {
 
-void Engine::monitorNetwork() {}
-void Engine::monitorDevice(NetworkManager::Device::Ptr) {}
-void Engine::unmonitorDevice(NetworkManager::Device::Ptr) {}
-NetworkManager::Device::Ptr Engine::getDeviceFromSender(QObject*) { return {}; }
-NetworkManager::Device::Ptr Engine::getDeviceFromUni(const QString&) { return {}; }
-NetworkManager::ActiveConnection::Ptr Engine::getConnectionFromUni(const QString&) { return {}; }
-void Engine::onStatusChanged(NetworkManager::Status) {}
-void Engine::onPrimaryConnectionChanged(const QString&) {}
-void Engine::onDeviceAdded(const QString&) {}
-void Engine::onDeviceRemoved(const QString&) {}
-void Engine::onDeviceStateChanged(NetworkManager::Device::State, NetworkManager::Device::State,
-                                  NetworkManager::Device::StateChangeReason)
+namespace {
+
+constexpr int scanIntervalMs = 30000;
+// NetworkManager announces a device before all of its properties are in
+// place; give it a moment before the device is provisioned.
+constexpr int deviceSettleDelayMs = 1000;
+
+QByteArray typeText(NetworkManager::Device::Type type)
 {
+    return deviceTypeToString(type).toUtf8();
 }
-void Engine::onDeviceManagedChanged() {}
-void Engine::onInterfaceNameChanged() {}
+
+} // namespace
+
+void Engine::monitorNetwork()
+{
+    // Every reconnection of the broker lands here: drop whatever is attached
+    // so that each notifier signal ends up with exactly one handler.
+    NetworkManager::settingsNotifier()->disconnect();
+    NetworkManager::notifier()->disconnect();
+
+    auto* notifier = NetworkManager::notifier();
+    connect(notifier, &NetworkManager::Notifier::statusChanged, this, &Engine::onStatusChanged);
+    connect(notifier, &NetworkManager::Notifier::primaryConnectionChanged, this, &Engine::onPrimaryConnectionChanged);
+    connect(notifier, &NetworkManager::Notifier::deviceAdded, this, &Engine::onDeviceAdded);
+    connect(notifier, &NetworkManager::Notifier::deviceRemoved, this, &Engine::onDeviceRemoved);
+}
+
+void Engine::monitorDevice(NetworkManager::Device::Ptr device)
+{
+    log(Log::Info, "[%s] Started monitoring device: %s", typeText(device->type()).constData(),
+        qUtf8Printable(device->interfaceName()));
+
+    device->disconnect();
+    connect(device.data(), &NetworkManager::Device::stateChanged, this, &Engine::onDeviceStateChanged);
+    connect(device.data(), &NetworkManager::Device::managedChanged, this, &Engine::onDeviceManagedChanged);
+    connect(device.data(), &NetworkManager::Device::interfaceNameChanged, this, &Engine::onInterfaceNameChanged);
+
+    switch (device->type()) {
+    case NetworkManager::Device::Ethernet: {
+        // Carrier changes are seen through the state changes that follow them.
+        auto wired = device.objectCast<NetworkManager::WiredDevice>();
+        if (wired) {
+            disconnect(wired.data(), &NetworkManager::WiredDevice::carrierChanged, nullptr, nullptr);
+        }
+        break;
+    }
+    case NetworkManager::Device::Wifi: {
+        auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
+        if (!wireless) {
+            break;
+        }
+        disconnect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, nullptr, nullptr);
+        connect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, this,
+                [this, wireless](const QString& path) {
+                    auto accessPoint = wireless->findAccessPoint(path);
+                    if (!accessPoint) {
+                        return;
+                    }
+                    log(Log::Info, "[Wifi] AccessPoint '%s' appeared (dev=%s, signal=%d%%).",
+                        qUtf8Printable(accessPoint->ssid()), qUtf8Printable(wireless->interfaceName()),
+                        accessPoint->signalStrength());
+                });
+        disconnect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, nullptr, nullptr);
+        connect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, this,
+                [this, wireless](const QString& ssid) {
+                    auto network = wireless->findNetwork(ssid);
+                    if (!network) {
+                        return;
+                    }
+                    log(Log::Info, "[Wifi] Network '%s' found (dev=%s, signal=%d%%).",
+                        qUtf8Printable(network->ssid()), qUtf8Printable(wireless->interfaceName()),
+                        network->signalStrength());
+                    m_ipc->publishWifiNetworks(wireless);
+                });
+
+        // One scan timer for the whole system: the Wi-Fi device monitored
+        // last is the one that gets scanned.
+        m_scanTimer.reset(new QTimer(this));
+        connect(m_scanTimer.get(), &QTimer::timeout, this, [this, wireless]() {
+            const QByteArray type = typeText(wireless->type());
+            log(Log::Debug, "[%s] Scanning for  Wifi networks.", type.constData());
+            QDBusPendingReply<> reply = wireless->requestScan(QVariantMap());
+            reply.waitForFinished();
+            if (reply.isValid()) {
+                m_ipc->publishWifiAccessPoints(wireless);
+                m_ipc->publishWifiNetworks(wireless);
+            } else {
+                log(Log::Info, "[%s] Failed to scan for Wifi networks: %s", type.constData(),
+                    qUtf8Printable(reply.error().message()));
+            }
+        });
+        m_scanTimer->start(scanIntervalMs);
+        break;
+    }
+    case NetworkManager::Device::Modem: {
+        auto modemDevice = device.objectCast<NetworkManager::ModemDevice>();
+        auto modem = ModemManager::findModemDevice(device->udi());
+        ModemManager::Modem::Ptr modemInterface = modem ? modem->modemInterface() : ModemManager::Modem::Ptr();
+        if (!modemInterface) {
+            log(Log::Warning, "[Modem] No ModemManager modem found for %s (dev=%s). Signal quality not monitored.",
+                qUtf8Printable(device->udi()), qUtf8Printable(device->interfaceName()));
+            break;
+        }
+        disconnect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, nullptr, nullptr);
+        connect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, this,
+                [this, modemDevice](ModemManager::SignalQualityPair signalQuality) {
+                    log(Log::Info, "[Modem] Signal changed '%u' (dev=%s).", signalQuality.signal,
+                        qUtf8Printable(modemDevice->interfaceName()));
+                    m_ipc->publishDeviceModemSignal(modemDevice);
+                });
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+void Engine::unmonitorDevice(NetworkManager::Device::Ptr device)
+{
+    log(Log::Info, "Stopped monitoring device '%s'.", qUtf8Printable(device->interfaceName()));
+    device->disconnect();
+}
+
+NetworkManager::Device::Ptr Engine::getDeviceFromSender(QObject* sender)
+{
+    auto* device = qobject_cast<NetworkManager::Device*>(sender);
+    if (!device) {
+        return {};
+    }
+    return getDeviceFromUni(device->uni());
+}
+
+NetworkManager::Device::Ptr Engine::getDeviceFromUni(const QString& uni)
+{
+    auto device = NetworkManager::findNetworkInterface(uni);
+    if (!device) {
+        log(Log::Error, "getDeviceFromSender(): No device found for %s", qUtf8Printable(uni));
+    }
+    return device;
+}
+
+NetworkManager::ActiveConnection::Ptr Engine::getConnectionFromUni(const QString& uni)
+{
+    auto connection = NetworkManager::findActiveConnection(uni);
+    if (!connection) {
+        log(Log::Error, "getConnectionFromUni(): No connection found for %s", qUtf8Printable(uni));
+    }
+    return connection;
+}
+
+void Engine::onStatusChanged(NetworkManager::Status status)
+{
+    log(Log::Info, "[Network] Status changed: %d (%s)", static_cast<int>(status),
+        qUtf8Printable(statusToString(status)));
+    m_ipc->publishNetworkStatus();
+}
+
+void Engine::onPrimaryConnectionChanged(const QString& uni)
+{
+    auto active = getConnectionFromUni(uni);
+    if (!active) {
+        return;
+    }
+    auto profile = active->connection();
+    log(Log::Info, "[Network] Primary connection changed: %s", profile ? qUtf8Printable(profile->name()) : "");
+    m_ipc->publishNetworkStatus();
+}
+
+void Engine::onDeviceAdded(const QString& uni)
+{
+    auto device = getDeviceFromUni(uni);
+    if (!device || !device->isValid()) {
+        return;
+    }
+    log(Log::Info, "Device added: %s (dev=%s, active=%d, managed=%d)", typeText(device->type()).constData(),
+        qUtf8Printable(device->interfaceName()), device->isActive() ? 1 : 0, device->managed() ? 1 : 0);
+    QTimer::singleShot(deviceSettleDelayMs, Qt::PreciseTimer, this, [this, device]() { reloadDevice(device); });
+}
+
+void Engine::onDeviceRemoved(const QString& uni)
+{
+    log(Log::Info, "Device removed: %s", qUtf8Printable(uni));
+}
+
+void Engine::onDeviceStateChanged(NetworkManager::Device::State newstate, NetworkManager::Device::State oldstate,
+                                  NetworkManager::Device::StateChangeReason reason)
+{
+    auto device = getDeviceFromSender(sender());
+    if (!device) {
+        return;
+    }
+    const DeviceState state = mapDeviceState(newstate);
+    if (state == mapDeviceState(oldstate)) {
+        return;
+    }
+    log(Log::Info, "[%s] State changed: %s (dev=%s, reason=%s).", typeText(device->type()).constData(),
+        qUtf8Printable(deviceStateToString(state)), qUtf8Printable(device->interfaceName()),
+        qUtf8Printable(stateChangeReasonToString(reason)));
+    m_ipc->publishDeviceState(device);
+
+    if (device->type() == NetworkManager::Device::Modem) {
+        if (state == Connected) {
+            startMonitorModemStats();
+        } else {
+            stopMonitorModemStats();
+        }
+    }
+}
+
+void Engine::onDeviceManagedChanged()
+{
+    auto device = getDeviceFromSender(sender());
+    if (!device) {
+        return;
+    }
+    log(Log::Info, "[%s] Device is %s managed (name=%s).", typeText(device->type()).constData(),
+        device->managed() ? "now" : "no longer", qUtf8Printable(device->interfaceName()));
+}
+
+void Engine::onInterfaceNameChanged()
+{
+    auto device = getDeviceFromSender(sender());
+    if (!device) {
+        return;
+    }
+    log(Log::Info, "[%s] Device interface name changed: %s.", typeText(device->type()).constData(),
+        qUtf8Printable(device->interfaceName()));
+}
 
 } // namespace Tarvik

@@ -1,16 +1,470 @@
 #include "engine/engine.h"
 
+#include "vocabulary/devicestate.h"
+#include "vocabulary/valuenames.h"
+
+#include <NetworkManagerQt/GsmSetting>
+#include <NetworkManagerQt/Ipv6Setting>
+#include <NetworkManagerQt/Settings>
+#include <NetworkManagerQt/WiredDevice>
+#include <NetworkManagerQt/WirelessDevice>
+#include <NetworkManagerQt/WirelessNetwork>
+#include <NetworkManagerQt/WirelessSecuritySetting>
+#include <NetworkManagerQt/WirelessSetting>
+#include <QDBusPendingReply>
+#include <QDateTime>
+#include <QHostAddress>
+
 namespace Tarvik {
 
-void Engine::reload() {}
-void Engine::reloadDevice(NetworkManager::Device::Ptr) {}
-NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device::Ptr, const Config&) { return {}; }
-bool Engine::updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr, const Config&, const QString&)
+namespace {
+
+const QString wirelessSecurityGroup = QStringLiteral("802-11-wireless-security");
+const QString gsmGroup = QStringLiteral("gsm");
+const QString gsmDialNumber = QStringLiteral("*99#");
+
+QByteArray typeText(NetworkManager::Device::Type type)
 {
-    return false;
+    return deviceTypeToString(type).toUtf8();
 }
-bool Engine::updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr, const Config::Ipv4Config&) { return false; }
-NetworkManager::Connection::Ptr Engine::findConnection(const QString&, NetworkManager::Device::Ptr) { return {}; }
-NetworkManager::AccessPoint::Ptr Engine::findAccessPoint(NetworkManager::Device::Ptr, const QString&) { return {}; }
+
+template <typename T>
+QSharedPointer<T> settingOf(NetworkManager::ConnectionSettings::Ptr settings, NetworkManager::Setting::SettingType type)
+{
+    return settings->setting(type).template staticCast<T>();
+}
+
+// Every update names the GSM password and PIN, empty when the profile holds
+// none; the group travels with profiles of every type.
+NMVariantMapMap updateMapOf(NetworkManager::ConnectionSettings::Ptr settings)
+{
+    NMVariantMapMap map = settings->toMap();
+    QVariantMap& gsm = map[gsmGroup];
+    if (!gsm.contains(QStringLiteral("password"))) {
+        gsm.insert(QStringLiteral("password"), QString());
+    }
+    if (!gsm.contains(QStringLiteral("pin"))) {
+        gsm.insert(QStringLiteral("pin"), QString());
+    }
+    return map;
+}
+
+QList<QHostAddress> dnsListOf(const Config::Ipv4Config& ipv4)
+{
+    QList<QHostAddress> dns;
+    for (const QString& server : {ipv4.dns0, ipv4.dns1}) {
+        if (!server.isEmpty()) {
+            dns.append(QHostAddress(server));
+        }
+    }
+    return dns;
+}
+
+bool sameAddresses(const QList<NetworkManager::IpAddress>& current, const NetworkManager::IpAddress& wanted)
+{
+    return current.size() == 1 && current.first().ip() == wanted.ip() && current.first().netmask() == wanted.netmask()
+        && current.first().gateway() == wanted.gateway();
+}
+
+} // namespace
+
+void Engine::reload()
+{
+    log(Log::Info, "Reloading all devices and connections.");
+    m_ipc->publishNetworkStatus();
+    m_ipc->publishNetworkInfo();
+    monitorNetwork();
+
+    for (const NetworkManager::Device::Ptr& device : NetworkManager::networkInterfaces()) {
+        if (!device->isValid() || device->interfaceName() == QLatin1String("lo")) {
+            continue;
+        }
+        const bool managed = device->managed();
+        const bool active = device->isActive();
+        log(Log::Info, "[%s] Device found: %s (active=%d, managed=%d)", typeText(device->type()).constData(),
+            qUtf8Printable(device->interfaceName()), active ? 1 : 0, managed ? 1 : 0);
+        reloadDevice(device);
+    }
+}
+
+void Engine::reloadDevice(NetworkManager::Device::Ptr device)
+{
+    monitorDevice(device);
+    updateConnection(device, *m_config);
+
+    switch (device->type()) {
+    case NetworkManager::Device::Ethernet: {
+        auto wired = device.objectCast<NetworkManager::WiredDevice>();
+        m_ipc->publishEthernetState(wired);
+        m_ipc->publishEthernetConfig(wired);
+        break;
+    }
+    case NetworkManager::Device::Wifi: {
+        auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
+        m_ipc->publishWifiState(wireless);
+        m_ipc->publishWifiConfig(wireless);
+        m_ipc->publishWifiAccessPoints(wireless);
+        m_ipc->publishWifiNetworks(wireless);
+        break;
+    }
+    case NetworkManager::Device::Modem: {
+        auto modem = device.objectCast<NetworkManager::ModemDevice>();
+        m_ipc->publishModemState(modem);
+        m_ipc->publishModemConfig(modem);
+        m_ipc->publishDeviceModemSignal(modem);
+        if (mapDeviceState(device->state()) == Connected) {
+            startMonitorModemStats();
+        } else {
+            stopMonitorModemStats();
+        }
+        break;
+    }
+    default:
+        log(Log::Warning, "Skipping device: %s", qUtf8Printable(device->interfaceName()));
+        break;
+    }
+}
+
+NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device::Ptr device, const Config& config)
+{
+    if (!device || !device->isValid()) {
+        return {};
+    }
+
+    QString name = QStringLiteral("unknown");
+    QString accessPointPath;
+    QString security;
+    auto connectionType = NetworkManager::ConnectionSettings::Unknown;
+    const QByteArray type = typeText(device->type());
+
+    switch (device->type()) {
+    case NetworkManager::Device::Ethernet: {
+        name = config.ethernet().id;
+        auto wired = device.objectCast<NetworkManager::WiredDevice>();
+        if (!wired || !wired->carrier()) {
+            log(Log::Info, "[%s] Carrier not detected (cable unplugged). Will not attempt to connect.",
+                type.constData());
+            return {};
+        }
+        log(Log::Info, "[%s] Carrier detected (cable is plugged).", type.constData());
+        connectionType = NetworkManager::ConnectionSettings::Wired;
+        break;
+    }
+    case NetworkManager::Device::Wifi: {
+        const QString& ssid = config.wifi().ssid;
+        if (ssid.isEmpty()) {
+            log(Log::Info, "[%s] SSID not configured. Will not attempt to connect.", type.constData());
+            return {};
+        }
+        auto accessPoint = findAccessPoint(device, ssid);
+        if (!accessPoint) {
+            log(Log::Info, "[Wifi] Configured access point '%s' not in range. Will not attempt to connect.",
+                qUtf8Printable(ssid));
+            return {};
+        }
+        name = ssid;
+        accessPointPath = accessPoint->uni();
+        security = apSecurity(accessPoint);
+        connectionType = NetworkManager::ConnectionSettings::Wireless;
+        break;
+    }
+    case NetworkManager::Device::Modem:
+        name = config.modem().id;
+        connectionType = NetworkManager::ConnectionSettings::Gsm;
+        break;
+    default:
+        break;
+    }
+
+    log(Log::Info, "[%s] Checking connection: %s", type.constData(), qUtf8Printable(name));
+    if (name.isEmpty()) {
+        return {};
+    }
+
+    const auto activate = [&](NetworkManager::Connection::Ptr connection) {
+        QDBusPendingReply<QDBusObjectPath> reply =
+            NetworkManager::activateConnection(connection->path(), device->uni(), accessPointPath);
+        reply.waitForFinished();
+        if (!reply.isValid()) {
+            log(Log::Info, "[%s] Failed to activate connection: %s", type.constData(),
+                qUtf8Printable(reply.error().message()));
+        }
+        return reply.isValid();
+    };
+
+    NetworkManager::Connection::Ptr connection = findConnection(name, device);
+    if (!connection) {
+        log(Log::Info, "[%s] Connection '%s' does not exist. Creating and activating.", type.constData(),
+            qUtf8Printable(name));
+        NetworkManager::ConnectionSettings::Ptr settings(new NetworkManager::ConnectionSettings(connectionType));
+        settings->setUuid(NetworkManager::ConnectionSettings::createNewUuid());
+        settings->setTimestamp(QDateTime::currentDateTime());
+        updateConnectionSettings(settings, config, security);
+
+        QDBusPendingReply<QDBusObjectPath, QDBusObjectPath> reply =
+            NetworkManager::addAndActivateConnection(settings->toMap(), device->uni(), accessPointPath);
+        reply.waitForFinished();
+        if (!reply.isValid()) {
+            log(Log::Info, "[%s] Failed to create connection '%s' : %s", type.constData(), qUtf8Printable(name),
+                qUtf8Printable(reply.error().message()));
+            return {};
+        }
+        log(Log::Info, "[%s] Connection '%s' created successfully.", type.constData(), qUtf8Printable(name));
+        return NetworkManager::findConnection(reply.argumentAt<0>().path());
+    }
+
+    log(Log::Info, "[%s] Connection '%s' already exists.", type.constData(), qUtf8Printable(name));
+    NetworkManager::ConnectionSettings::Ptr settings = connection->settings();
+
+    // Keys and passwords are not part of the settings NetworkManager hands
+    // out: fetch them so that they take part in the comparison.
+    if (device->type() == NetworkManager::Device::Wifi) {
+        auto securitySetting =
+            settingOf<NetworkManager::WirelessSecuritySetting>(settings, NetworkManager::Setting::WirelessSecurity);
+        if (securitySetting) {
+            QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(securitySetting->name());
+            reply.waitForFinished();
+            if (!reply.isValid()) {
+                log(Log::Info, "[%s] Failed to get secrets: '%s' : %s", type.constData(), qUtf8Printable(name),
+                    qUtf8Printable(reply.error().message()));
+            }
+            securitySetting->secretsFromMap(reply.value().value(wirelessSecurityGroup));
+        }
+    } else if (settings->connectionType() == NetworkManager::ConnectionSettings::Gsm) {
+        auto gsmSetting = settingOf<NetworkManager::GsmSetting>(settings, NetworkManager::Setting::Gsm);
+        QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(gsmGroup);
+        reply.waitForFinished();
+        if (!reply.isError() && gsmSetting) {
+            gsmSetting->secretsFromMap(reply.value().value(gsmGroup));
+        }
+    }
+
+    if (updateConnectionSettings(settings, config, security)) {
+        log(Log::Info, "[%s] Connection settings have changed. Applying new settings.", type.constData());
+        QDBusPendingReply<> reply = connection->update(updateMapOf(settings));
+        reply.waitForFinished();
+        if (!reply.isValid()) {
+            log(Log::Info, "[%s] Failed to update connection '%s' : %s", type.constData(), qUtf8Printable(name),
+                qUtf8Printable(reply.error().message()));
+            return {};
+        }
+        if (!activate(connection)) {
+            return {};
+        }
+        log(Log::Info, "[%s] Connection '%s' updated.", type.constData(), qUtf8Printable(name));
+        return connection;
+    }
+
+    log(Log::Info, "[%s] No update required for connection '%s'.", type.constData(), qUtf8Printable(name));
+    NetworkManager::ActiveConnection::Ptr active = device->activeConnection();
+    if (active && active->connection() == connection) {
+        return connection;
+    }
+    log(Log::Info, "[%s] Connection '%s' not active. Activating.", type.constData(), qUtf8Printable(name));
+    if (!activate(connection)) {
+        return {};
+    }
+    log(Log::Info, "[%s] Connection '%s' activated.", type.constData(), qUtf8Printable(name));
+    return connection;
+}
+
+bool Engine::updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
+                                      const QString& security)
+{
+    if (!settings) {
+        return false;
+    }
+    bool changed = false;
+
+    switch (settings->connectionType()) {
+    case NetworkManager::ConnectionSettings::Wired: {
+        const Config::Ethernet& ethernet = config.ethernet();
+        if (settings->id() != ethernet.id) {
+            settings->setId(ethernet.id);
+            changed = true;
+        }
+        if (settings->autoconnect() != ethernet.autocon) {
+            settings->setAutoconnect(ethernet.autocon);
+            changed = true;
+        }
+        auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
+        if (ipv4 && updateIpv4Configuration(ipv4, ethernet.ipv4)) {
+            changed = true;
+        }
+        break;
+    }
+    case NetworkManager::ConnectionSettings::Gsm: {
+        const Config::Modem& modem = config.modem();
+        // Name and autoconnect are rewritten but, on their own, do not make
+        // the profile count as changed.
+        settings->setId(modem.id);
+        settings->setAutoconnect(modem.autocon);
+        auto gsm = settingOf<NetworkManager::GsmSetting>(settings, NetworkManager::Setting::Gsm);
+        if (gsm) {
+            if (gsm->apn() != modem.apn) {
+                gsm->setApn(modem.apn);
+                changed = true;
+            }
+            if (gsm->username() != modem.username) {
+                gsm->setUsername(modem.username);
+                changed = true;
+            }
+            if (gsm->networkId() != modem.networkId) {
+                gsm->setNetworkId(modem.networkId);
+                changed = true;
+            }
+            if (gsm->password() != modem.password) {
+                gsm->setPassword(modem.password);
+                changed = true;
+            }
+            if (gsm->pin() != modem.pin) {
+                gsm->setPin(modem.pin);
+                changed = true;
+            }
+            gsm->setNumber(gsmDialNumber);
+            gsm->setPasswordFlags(NetworkManager::Setting::None);
+            gsm->setPinFlags(NetworkManager::Setting::None);
+            gsm->setInitialized(true);
+        }
+        auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
+        if (ipv4 && updateIpv4Configuration(ipv4, modem.ipv4)) {
+            changed = true;
+        }
+        break;
+    }
+    case NetworkManager::ConnectionSettings::Wireless: {
+        const Config::Wifi& wifi = config.wifi();
+        if (settings->id() != wifi.ssid) {
+            settings->setId(wifi.ssid);
+            changed = true;
+        }
+        if (settings->autoconnect() != wifi.autocon) {
+            settings->setAutoconnect(wifi.autocon);
+            changed = true;
+        }
+
+        auto wireless = settingOf<NetworkManager::WirelessSetting>(settings, NetworkManager::Setting::Wireless);
+        if (wireless && QString::fromUtf8(wireless->ssid()) != wifi.ssid) {
+            wireless->setSsid(wifi.ssid.toUtf8());
+            changed = true;
+        }
+
+        auto securitySetting =
+            settingOf<NetworkManager::WirelessSecuritySetting>(settings, NetworkManager::Setting::WirelessSecurity);
+        const bool wpa = security == QLatin1String("wpa1") || security == QLatin1String("wpa2")
+            || security == QLatin1String("wpa1-wpa2");
+        const bool wep = security == QLatin1String("wep");
+        if ((wpa || wep) && securitySetting) {
+            if (wpa) {
+                if (securitySetting->keyMgmt() != NetworkManager::WirelessSecuritySetting::WpaPsk) {
+                    securitySetting->setKeyMgmt(NetworkManager::WirelessSecuritySetting::WpaPsk);
+                    changed = true;
+                }
+                if (securitySetting->psk() != wifi.key) {
+                    securitySetting->setPsk(wifi.key);
+                    changed = true;
+                }
+            } else {
+                if (securitySetting->keyMgmt() != NetworkManager::WirelessSecuritySetting::Wep) {
+                    securitySetting->setKeyMgmt(NetworkManager::WirelessSecuritySetting::Wep);
+                    changed = true;
+                }
+                if (securitySetting->wepKey0() != wifi.key) {
+                    securitySetting->setWepKey0(wifi.key);
+                    changed = true;
+                }
+                securitySetting->setWepKeyType(NetworkManager::WirelessSecuritySetting::Passphrase);
+            }
+            securitySetting->setInitialized(true);
+            if (wireless) {
+                wireless->setSecurity(wirelessSecurityGroup);
+                wireless->setInitialized(true);
+            }
+        } else if (security == QLatin1String("unknown")) {
+            log(Log::Error, "Could not determine Wifi security for AP '%s'. Defaulting to 'none'.",
+                qUtf8Printable(wifi.ssid));
+        }
+
+        auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
+        if (ipv4 && updateIpv4Configuration(ipv4, wifi.ipv4)) {
+            changed = true;
+        }
+        auto ipv6 = settingOf<NetworkManager::Ipv6Setting>(settings, NetworkManager::Setting::Ipv6);
+        if (ipv6 && ipv6->method() != NetworkManager::Ipv6Setting::Ignored) {
+            ipv6->setMethod(NetworkManager::Ipv6Setting::Ignored);
+            ipv6->setInitialized(true);
+            changed = true;
+        }
+        break;
+    }
+    default:
+        break;
+    }
+    return changed;
+}
+
+bool Engine::updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4)
+{
+    bool changed = false;
+
+    if (ipv4.method == QLatin1String("auto")) {
+        if (setting->method() != NetworkManager::Ipv4Setting::Automatic) {
+            setting->setAddresses({});
+            setting->setMethod(NetworkManager::Ipv4Setting::Automatic);
+            changed = true;
+        }
+    } else if (ipv4.method == QLatin1String("manual")) {
+        NetworkManager::IpAddress address;
+        address.setIp(QHostAddress(ipv4.address));
+        address.setNetmask(QHostAddress(ipv4.netmask));
+        address.setGateway(QHostAddress(ipv4.gateway));
+
+        if (setting->method() != NetworkManager::Ipv4Setting::Manual) {
+            setting->setMethod(NetworkManager::Ipv4Setting::Manual);
+            changed = true;
+        }
+        if (!sameAddresses(setting->addresses(), address)) {
+            setting->setAddresses({address});
+            changed = true;
+        }
+        const QList<QHostAddress> dns = dnsListOf(ipv4);
+        if (setting->dns() != dns) {
+            setting->setDns(dns);
+            changed = true;
+        }
+    } else if (setting->method() != NetworkManager::Ipv4Setting::LinkLocal) {
+        setting->setMethod(NetworkManager::Ipv4Setting::LinkLocal);
+        changed = true;
+    }
+
+    setting->setInitialized(true);
+    return changed;
+}
+
+NetworkManager::Connection::Ptr Engine::findConnection(const QString& name, NetworkManager::Device::Ptr device)
+{
+    const NetworkManager::Connection::List candidates =
+        device ? device->availableConnections() : NetworkManager::listConnections();
+    for (const NetworkManager::Connection::Ptr& connection : candidates) {
+        if (connection->name() == name) {
+            return connection;
+        }
+    }
+    return {};
+}
+
+NetworkManager::AccessPoint::Ptr Engine::findAccessPoint(NetworkManager::Device::Ptr device, const QString& ssid)
+{
+    if (!device || device->type() != NetworkManager::Device::Wifi) {
+        return {};
+    }
+    auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
+    for (const NetworkManager::WirelessNetwork::Ptr& network : wireless->networks()) {
+        if (network->ssid() == ssid) {
+            return network->referenceAccessPoint();
+        }
+    }
+    return {};
+}
 
 } // namespace Tarvik
