@@ -1,0 +1,132 @@
+"""The command line of the tarvik binary: banner, help, version, parse errors,
+verbosity and the configuration file it picks."""
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+
+BINARY = os.environ["TARVIK_BINARY"]
+BANNER = re.compile(r"tarvik v1\.0\.15 \((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+                    r"( [1-9]|[12][0-9]|3[01]) \d{4}, ([01]\d|2[0-3]):[0-5]\d:[0-5]\d\)\n")
+
+
+def run(*args, cwd=None, timeout=10):
+    return subprocess.run([BINARY, *args], capture_output=True, text=True, cwd=cwd, timeout=timeout)
+
+
+def option_names(help_text):
+    return set(re.findall(r"^ +(-\S*?(?:, --[\w-]+)?)(?= )", help_text, re.M))
+
+
+class TestBannerHelpVersion:
+    def test_version_prints_only_the_banner(self):
+        for flag in ("-V", "--version"):
+            result = run(flag)
+            assert result.returncode == 0, flag
+            assert BANNER.fullmatch(result.stdout), repr(result.stdout)
+            assert result.stderr == ""
+
+    def test_help_follows_the_banner_and_lists_the_six_options(self):
+        for flag in ("-h", "--help"):
+            result = run(flag)
+            assert result.returncode == 0, flag
+            banner, _, help_text = result.stdout.partition("\n")
+            assert BANNER.fullmatch(banner + "\n")
+            assert help_text.startswith("Usage: ")
+            assert "An MQTT service for managing network devices and connections." in help_text
+            assert option_names(help_text) == {"-h, --help", "-V, --version", "-v, --verbose", "-e, --stderr",
+                                               "-c, --color", "-f, --config"}
+            flat = " ".join(help_text.split())
+            for line in ("Displays help information and exits.", "Displays version and exits.",
+                         "--verbose <level> Sets verbosity level: 0=err, 1=warn, 2=info(default), 3=debug",
+                         "Log to stderr as well as syslog.", "Use VT100 color codes in log.",
+                         "--config <filename> Specifies configuration file (default is ./tarvik.conf)."):
+                assert line in flat
+            assert "--help-all" not in help_text and "-?" not in help_text
+
+    def test_help_wins_over_version(self):
+        result = run("-V", "-h")
+        assert result.returncode == 0
+        assert "Usage: " in result.stdout
+
+    def test_help_and_version_touch_no_configuration_file(self, tmp_path):
+        conf = tmp_path / "never.conf"
+        assert run("-V", "-f", str(conf)).returncode == 0
+        assert run("--help", "--config", str(conf)).returncode == 0
+        assert not conf.exists()
+
+    @pytest.mark.parametrize("args, message", [
+        (["--bogus"], "Unknown option 'bogus'."),
+        (["-x"], "Unknown option 'x'."),
+        (["-v"], "Missing value after '-v'."),
+        (["--config"], "Missing value after '--config'."),
+    ])
+    def test_parse_errors_exit_with_status_1_after_the_banner(self, args, message, tmp_path):
+        result = run(*args, cwd=tmp_path)
+        assert result.returncode == 1
+        assert BANNER.fullmatch(result.stdout)
+        assert message in result.stderr
+        assert list(tmp_path.iterdir()) == []
+
+
+def start_until_file(argv, path, cwd, timeout=10):
+    """Starts tarvik, waits until it has written the configuration file, stops it; returns stderr."""
+    proc = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            start_new_session=True)
+    try:
+        deadline = time.monotonic() + timeout
+        while not path.exists() or "usageSec=" not in path.read_text():
+            assert proc.poll() is None, "tarvik ended early"
+            assert time.monotonic() < deadline, f"{path} not written"
+            time.sleep(0.05)
+    finally:
+        os.killpg(proc.pid, signal.SIGKILL)
+        _, err = proc.communicate(timeout=10)
+    return err
+
+
+def ini_keys(path):
+    keys, group = {}, None
+    for line in path.read_text().splitlines():
+        if line.startswith("["):
+            group = line.strip("[]")
+        elif "=" in line:
+            name, _, value = line.partition("=")
+            keys[f"{group}/{name}"] = value
+    return keys
+
+
+DEFAULTS = {
+    "Mqtt/url": "localhost", "Mqtt/port": "1883", "Mqtt/user": "", "Mqtt/pass": "", "Mqtt/base": "tolv/network",
+    "Ethernet/id": "Ethernet", "Ethernet/autocon": "true", "Ethernet/method": "auto",
+    "Wifi/id": "Wifi", "Wifi/autocon": "true", "Wifi/method": "auto",
+    "Modem/id": "Broadband", "Modem/autocon": "true", "Modem/apn": "internet", "Modem/method": "auto",
+    "Modem/usageSec": "120",
+}
+
+
+class TestConfigurationPath:
+    def test_default_path_is_beside_the_executable(self, tmp_path):
+        bindir, workdir = tmp_path / "bin", tmp_path / "work"
+        bindir.mkdir()
+        workdir.mkdir()
+        shutil.copy2(BINARY, bindir / "tarvik")
+        conf = bindir / "tarvik.conf"
+        err = start_until_file([str(bindir / "tarvik"), "-e"], conf, cwd=workdir)
+        assert f"[Config] Config file not found: '{conf}'." in err
+        assert "[Config] Creating file with default values." in err
+        assert list(workdir.iterdir()) == []
+
+    def test_config_option_creates_the_file_with_defaults(self, tmp_path):
+        conf = tmp_path / "elsewhere" / "my.conf"
+        conf.parent.mkdir()
+        start_until_file([BINARY, "-f", str(conf)], conf, cwd=tmp_path)
+        keys = ini_keys(conf)
+        assert len(keys) == 36 and "Modem/dns1" not in keys
+        assert {k: keys[k] for k in DEFAULTS} == DEFAULTS
+        assert all(v == "" for k, v in keys.items() if k not in DEFAULTS)
