@@ -1,0 +1,58 @@
+"""Helpers shared by the end-to-end tests of monitoring and provisioning."""
+
+import re
+import time
+
+from world import u32_to_ip4
+
+# A Wi-Fi record that names no network: the Wi-Fi device is watched and
+# published, but no profile is looked at.
+NO_WIFI = {"Wifi": {"ssid": ""}}
+
+STAMP = re.compile(r"\[\s*(\d+\.\d+)\] ")
+
+
+def start(world, mqtt, config=None, extra_args=()):
+    """Starts tarvik and returns once its first reload has run to its end."""
+    tarvik = world.tarvik(config=NO_WIFI if config is None else config, extra_args=list(extra_args))
+    tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$", timeout=15)
+    # The reload's own "info" must not pass for the answer that sync waits for.
+    mqtt.wait_for(mqtt.topic("info"))
+    sync(mqtt)
+    return tarvik
+
+
+def sync(mqtt):
+    """Returns once everything tarvik published before now has reached the client.
+
+    tarvik handles one thing at a time: the answer to a command comes after
+    every publication it made before reading the command. No reload may be
+    under way: its own "info" would pass for the answer."""
+    sent = time.monotonic()
+    mqtt.command("info/get", {})
+    mqtt.wait_for(mqtt.topic("info"), predicate=lambda m: m.time >= sent)
+
+
+def published(mqtt, topic, since):
+    """The documents published on topic (relative to the base) after the given time."""
+    return [m for m in mqtt.messages(mqtt.topic(topic)) if m.time >= since]
+
+
+def stamp(line):
+    """tarvik's own time stamp of a log line, in seconds."""
+    return float(STAMP.search(line).group(1))
+
+
+def lines_after(tarvik, first_line, pattern):
+    """The log lines matching pattern that come after the given line."""
+    index = tarvik.log_lines.index(first_line)
+    return [line for line in tarvik.log_lines[index + 1:] if re.search(pattern, line)]
+
+
+def addresses(ipv4):
+    """The legacy address entries of an ipv4 setting as (address, prefix, gateway)."""
+    return [(u32_to_ip4(a), p, u32_to_ip4(g)) for a, p, g in ipv4.get("addresses", [])]
+
+
+def dns(ipv4):
+    return [u32_to_ip4(server) for server in ipv4.get("dns", [])]

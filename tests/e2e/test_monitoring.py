@@ -1,0 +1,188 @@
+"""tarvik follows NetworkManager and ModemManager while it runs.
+
+Each test runs the real binary in its own simulated world, changes that world
+and checks what tarvik logs and publishes in response.
+"""
+
+import re
+import time
+
+import scenarios
+from engineflow import published, start, stamp, sync
+from world import wifi_profile
+
+
+def state_changes(tarvik, since_line=0):
+    return [line for line in tarvik.log_lines[since_line:] if "State changed:" in line]
+
+
+def test_activation_publishes_one_state_per_reduced_state(world, mqtt, tarvik_binary):
+    wlan = world.nm.add_wifi("wlan0")
+    ap = world.nm.add_access_point(wlan, "HomeNet", security="open")
+    profile = world.nm.add_connection(wifi_profile("HomeNet", security="none"))
+    tarvik = start(world, mqtt)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] SSID not configured\. Will not attempt to connect\.$")
+    mark, since = len(tarvik.log_lines), time.monotonic()
+
+    # 30 -> 40 -> 50 -> 70 -> 80 -> 90 -> 100, as the daemon does it.
+    world.nm.activate(profile, wlan, ap)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Connected \(dev=wlan0, reason=UnknownReason\)\.$")
+    sync(mqtt)
+
+    assert [re.sub(r"^.*\[Engine\] ", "", line) for line in state_changes(tarvik, mark)] == [
+        "[Wifi] State changed: Connecting (dev=wlan0, reason=UnknownReason).",
+        "[Wifi] State changed: Connected (dev=wlan0, reason=UnknownReason).",
+    ]
+    states = published(mqtt, "wifi/state", since)
+    assert [(m.json["state"], m.json["stateStr"]) for m in states] == [(3, "Connecting"), (4, "Connected")]
+    assert all(m.qos == 2 for m in states)
+    assert states[-1].json["ap"]["ssid"] == "HomeNet"
+
+
+def test_failed_activation_is_reported_unavailable(world, mqtt, tarvik_binary):
+    wlan = world.nm.add_wifi("wlan0")
+    ap = world.nm.add_access_point(wlan, "HomeNet", security="open")
+    profile = world.nm.add_connection(wifi_profile("HomeNet", security="none"))
+    tarvik = start(world, mqtt)
+    mark, since = len(tarvik.log_lines), time.monotonic()
+
+    world.nm.fail_next_activation(wlan, reason=5)
+    world.nm.activate(profile, wlan, ap, wait=False)
+    tarvik.wait_for_log(
+        r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
+    tarvik.wait_for_log(
+        r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
+    sync(mqtt)
+
+    assert len(state_changes(tarvik, mark)) == 3
+    assert [m.json["stateStr"] for m in published(mqtt, "wifi/state", since)] == [
+        "Connecting", "Unavailable", "Disconnected"]
+
+    # Unmanaged and Unavailable reduce to the same state: nothing to report.
+    mark = len(tarvik.log_lines)
+    world.nm.set_device_state(wlan, 20, reason=0)
+    world.nm.set_device_state(wlan, 10, reason=3)
+    world.nm.set_device_state(wlan, 20, reason=0)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=UnknownReason\)\.$")
+    sync(mqtt)
+    assert len(state_changes(tarvik, mark)) == 1
+
+
+def test_device_added_is_provisioned_a_second_later_and_removal_only_logged(world, mqtt, tarvik_binary):
+    tarvik = start(world, mqtt, config={"Wifi": {"ssid": ""}, "Ethernet": {"id": "Office LAN"}})
+
+    eth = world.nm.add_ethernet("eth1", carrier=True)
+    added = tarvik.wait_for_log(r"\[Engine\] Device added: Ethernet \(dev=eth1, active=0, managed=1\)$")
+    monitored = tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] Started monitoring device: eth1$")
+    delay = stamp(monitored.string) - stamp(added.string)
+    assert 0.99 <= delay < 1.5, f"provisioned {delay:.3f} s after the announcement"
+    tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] Connection 'Office LAN' created successfully\.$")
+    mqtt.wait_for(mqtt.topic("ethernet/state"), predicate=lambda m: m.json["interface"] == "eth1")
+    mqtt.wait_for(mqtt.topic("ethernet/config"), predicate=lambda m: m.json["interface"] == "eth1")
+    assert world.nm.find_connection("Office LAN") is not None
+
+    tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] State changed: Connected \(dev=eth1, reason=UnknownReason\)\.$")
+
+    # The removal itself is only logged; what follows comes from the
+    # device's last state changes, not from a new provisioning.
+    sync(mqtt)
+    mark, since = len(tarvik.log_lines), time.monotonic()
+    world.nm.remove_device(eth)
+    tarvik.wait_for_log(r"\[Engine\] Device removed: " + re.escape(eth) + "$")
+    sync(mqtt)
+    assert published(mqtt, "ethernet/config", since) == []
+    assert not any(re.search(r"Stopped monitoring|Checking connection|Started monitoring", line)
+                   for line in tarvik.log_lines[mark:])
+
+
+def test_access_point_is_logged_and_network_published(world, mqtt, tarvik_binary):
+    wlan = world.nm.add_wifi("wlan0")
+    tarvik = start(world, mqtt)
+    since = time.monotonic()
+
+    world.nm.add_access_point(wlan, "Cafe", security="wpa2", strength=42)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] AccessPoint 'Cafe' appeared \(dev=wlan0, signal=42%\)\.$")
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Network 'Cafe' found \(dev=wlan0, signal=42%\)\.$")
+    sync(mqtt)
+
+    networks = published(mqtt, "wifi/networks", since)
+    assert len(networks) == 1
+    assert networks[0].json["interface"] == "wlan0"
+    assert [(n["ssid"], n["signalStrength"]) for n in networks[0].json["networks"]] == [("Cafe", 42)]
+    assert published(mqtt, "wifi/aps", since) == []
+
+
+def test_modem_signal_change_is_logged_and_published(world, mqtt, tarvik_binary):
+    modem = world.mm.add_modem(kind="gsm", bearer_interface="wwan0", signal=67)
+    world.nm.add_modem("cdc-wdm0", modem=modem)
+    tarvik = start(world, mqtt)
+    first = mqtt.wait_for(mqtt.topic("modem/signal"))
+    assert first.json == {"interface": "cdc-wdm0", "quality": 67}
+
+    world.mm.set_signal(modem, 81)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Signal changed '81' \(dev=cdc-wdm0\)\.$")
+    signal = mqtt.wait_for(mqtt.topic("modem/signal"))
+    assert signal.json == {"interface": "cdc-wdm0", "quality": 81}
+    assert signal.qos == 2
+
+
+def test_modem_unknown_to_modemmanager_is_not_watched(world, mqtt, tarvik_binary):
+    world.nm.add_modem("cdc-wdm0", modem="/org/freedesktop/ModemManager1/Modem/42")
+    tarvik = start(world, mqtt)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Started monitoring device: cdc-wdm0$")
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Checking connection: Broadband$")
+    sync(mqtt)
+    assert tarvik.running
+
+
+def test_refused_scan_of_last_monitored_wifi_is_logged_without_publication(world, mqtt, tarvik_binary):
+    world.nm.add_wifi("wlan0")
+    wlan1 = world.nm.add_wifi("wlan1")
+    world.nm.refuse("RequestScan", "org.freedesktop.NetworkManager.Device.NotAllowed", "Scanning not allowed",
+                    count=-1)
+    tarvik = start(world, mqtt)
+    monitored = [line for line in tarvik.log_lines if "Started monitoring device: wlan1" in line][0]
+    since = time.monotonic()
+
+    scan = tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Scanning for  Wifi networks\.$", timeout=40)
+    refused = tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Failed to scan for Wifi networks: Scanning not allowed$")
+    sync(mqtt)
+
+    assert 29.9 <= stamp(scan.string) - stamp(monitored) < 31
+    assert stamp(refused.string) - stamp(scan.string) < 1
+    assert [call["path"] for call in world.nm.calls("RequestScan")] == [wlan1]
+    assert published(mqtt, "wifi/aps", since) == [] and published(mqtt, "wifi/networks", since) == []
+
+
+def test_broker_reconnection_doubles_no_handler(world, mqtt, tarvik_binary):
+    wlan = world.nm.add_wifi("wlan0")
+    # A modem whose profile is in place and active: the reloads leave it alone,
+    # so that nothing but the test's own changes happens afterwards.
+    modem = scenarios.modem(world, profile="Broadband", active=True).modem
+    tarvik = start(world, mqtt)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] No update required for connection 'Broadband'\.$")
+
+    world.broker.restart()
+    tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$", timeout=20)
+    client = world.mqtt(subscribe=world.base + "/#")
+    # The broker kept no retained copies over its restart: this one comes
+    # from the reload, whose last document it is.
+    client.wait_for(client.topic("modem/signal"))
+    sync(client)
+    mark, since = len(tarvik.log_lines), time.monotonic()
+
+    world.nm.set_status(60)
+    tarvik.wait_for_log(r"\[Engine\] \[Network\] Status changed: 6 \(ConnectedSiteOnly\)$")
+    world.nm.set_device_state(wlan, 20, reason=40)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=CarrierReason\)\.$")
+    world.nm.add_access_point(wlan, "Cafe", security="open", strength=42)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Network 'Cafe' found")
+    world.mm.set_signal(modem, 77)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Signal changed '77'")
+    sync(client)
+
+    for topic in ("status", "wifi/state", "wifi/networks", "modem/signal"):
+        assert len(published(client, topic, since)) == 1, f"{topic} published more than once"
+    for text in ("Status changed", "State changed", "AccessPoint 'Cafe' appeared", "Network 'Cafe' found",
+                 "Signal changed"):
+        assert sum(text in line for line in tarvik.log_lines[mark:]) == 1, f"'{text}' logged more than once"
