@@ -1,0 +1,137 @@
+"""Command dispatch and the get commands of tarvik, driven through the broker
+against the simulated NetworkManager and ModemManager."""
+
+import re
+
+import pytest
+
+from world import wait_until
+
+BASE = "tolv/network"
+
+
+@pytest.fixture(scope="module")
+def scene(module_world):
+    """Two wired and two Wi-Fi devices and a modem; tarvik connected, its start-up publications received."""
+    w = module_world
+    modem = w.mm.add_modem(kind="gsm", bearer_interface="wwan0", signal=67)
+    w.nm.add_ethernet("eth0", carrier=False)
+    wlan0 = w.nm.add_wifi("wlan0")
+    w.nm.add_access_point(wlan0, "HomeNet", security="wpa2", strength=70)
+    w.nm.add_ethernet("eth1", carrier=False)
+    w.nm.add_wifi("wlan1")
+    w.nm.add_modem("cdc-wdm0", modem=modem)
+    client = w.mqtt(subscribe=BASE + "/#")
+    tarvik = w.tarvik(config={"Modem": {"usageSec": 0}})
+    settle(tarvik, client)
+    yield w, tarvik, client
+    tarvik.stop()
+
+
+def settle(tarvik, client):
+    """Returns once what tarvik published at connection time has reached the client: a command
+    answered after the start-up publications is delivered after them."""
+    tarvik.wait_for_log(r"\[Engine\] IPC Connected to 127\.0\.0\.1$")
+    client.command("info/get", {})
+    tarvik.wait_for_log(re.escape("[Engine] Command Received : info/get"))
+    wait_until(lambda: client.count(BASE + "/info") >= 2, 10, "the answer to info/get")
+    client.clear()
+
+
+def ask(client, command, payload, topic):
+    client.clear()
+    client.command(command, payload)
+    return client.wait_for(f"{BASE}/{topic}", timeout=10)
+
+
+GET_COMMANDS = [
+    # command, answer topic, device type text, payload, interface answering
+    ("ethernet/state/get", "ethernet/state", {}, "eth0"),
+    ("ethernet/state/get", "ethernet/state", {"interface": "eth1"}, "eth1"),
+    ("ethernet/config/get", "ethernet/config", {}, "eth0"),
+    ("ethernet/config/get", "ethernet/config", {"interface": "eth1"}, "eth1"),
+    ("wifi/state/get", "wifi/state", {}, "wlan0"),
+    ("wifi/state/get", "wifi/state", {"interface": "wlan1"}, "wlan1"),
+    ("wifi/state/get", "wifi/state", {"interface": 5}, "wlan0"),
+    ("wifi/config/get", "wifi/config", {"interface": "wlan1"}, "wlan1"),
+    ("wifi/aps/get", "wifi/aps", {}, "wlan0"),
+    ("wifi/networks/get", "wifi/networks", {"interface": "wlan1"}, "wlan1"),
+    ("modem/state/get", "modem/state", {}, "cdc-wdm0"),
+    ("modem/config/get", "modem/config", {"interface": "cdc-wdm0"}, "cdc-wdm0"),
+]
+
+
+@pytest.mark.parametrize("command, topic, payload, interface", GET_COMMANDS)
+def test_device_get_commands_answer_for_the_named_or_first_device(scene, command, topic, payload, interface):
+    _, tarvik, client = scene
+    msg = ask(client, command, payload, topic)
+    assert msg.qos == 2
+    assert msg.json["interface"] == interface
+    tarvik.wait_for_log(re.escape(f"[Engine] Command Received : {command}"))
+
+
+def test_network_get_commands_ignore_their_payload(scene):
+    _, _, client = scene
+    status = ask(client, "status/get", {"interface": "eth9", "anything": [1, 2]}, "status")
+    assert status.qos == 2
+    assert set(status.json) == {"hostname", "state", "stateStr", "connectivity", "connectivityStr",
+                                "primaryConnection"}
+    info = ask(client, "info/get", {"interface": "nothing"}, "info")
+    assert info.qos == 2
+    assert info.json == {"service": {"type": "network", "version": "1.0.15"}}
+
+
+def test_modem_stats_get_answers_with_qos_0(scene):
+    _, _, client = scene
+    msg = ask(client, "modem/stats/get", {}, "modem/stats")
+    assert msg.qos == 0
+    assert msg.json == {}
+
+
+ERRORS = [
+    # command, payload, error document, log line
+    ("bogus/get", {}, "Unsupported command", "Unsupported command 'bogus/get'"),
+    ("WIFI/STATE/get", {}, "Unsupported command", "Unsupported command 'WIFI/STATE/get'"),
+    ("Wifi/state/get", {}, "Unsupported command", "Unsupported command 'Wifi/state/get'"),
+    ("wifi//get", {}, "Unsupported command", "Unsupported command 'wifi//get'"),
+    ("ethernet/state/set", {}, "Unsupported command", "Unsupported command 'ethernet/state/set'"),
+    ("ethernet/state/get", {"interface": "eth9"}, "Invalid device specified: eth9",
+     "ERROR: Could not find device with name=eth9 and type=Ethernet"),
+    ("ethernet/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
+     "ERROR: Could not find device with name=wlan0 and type=Ethernet"),
+    ("ethernet/config/get", {"interface": "cdc-wdm0"}, "Invalid device specified: cdc-wdm0",
+     "ERROR: Could not find device with name=cdc-wdm0 and type=Ethernet"),
+    ("wifi/state/get", {"interface": "eth0"}, "Invalid device specified: eth0",
+     "ERROR: Could not find device with name=eth0 and type=Wifi"),
+    ("wifi/config/get", {"interface": "ETH0"}, "Invalid device specified: ETH0",
+     "ERROR: Could not find device with name=ETH0 and type=Wifi"),
+    ("wifi/aps/get", {"interface": "eth1"}, "Invalid device specified: eth1",
+     "ERROR: Could not find device with name=eth1 and type=Wifi"),
+    ("wifi/networks/get", {"interface": "wlan9"}, "Invalid device specified: wlan9",
+     "ERROR: Could not find device with name=wlan9 and type=Wifi"),
+    ("modem/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
+     "ERROR: Could not find device with name=wlan0 and type=Modem"),
+    ("modem/config/get", {"interface": "wwan0"}, "Invalid device specified: wwan0",
+     "ERROR: Could not find device with name=wwan0 and type=Modem"),
+    ("modem/stats/get", {"interface": "eth0"}, "Invalid device specified: eth0",
+     "ERROR: Could not find device with name=eth0 and type=Modem"),
+]
+
+
+@pytest.mark.parametrize("command, payload, error, line", ERRORS)
+def test_errors_are_published_on_the_error_topic(scene, command, payload, error, line):
+    _, tarvik, client = scene
+    msg = ask(client, command, payload, "error")
+    assert msg.json == {"command": command, "error": error}
+    assert msg.qos == 0
+    tarvik.wait_for_log(re.escape(f"[Engine] {line}"))
+
+
+def test_error_documents_are_not_retained(scene):
+    w, _, client = scene
+    ask(client, "bogus/get", {}, "error")
+    # The broker answers subscriptions in order: a retained error would arrive before the retained info.
+    late = w.mqtt(subscribe=BASE + "/error")
+    late.subscribe(BASE + "/info")
+    assert late.wait_for(BASE + "/info").retain
+    assert late.messages(BASE + "/error") == []
