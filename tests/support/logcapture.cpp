@@ -3,32 +3,11 @@
 #include <QRegularExpression>
 #include <QtTest>
 
-#include <unistd.h>
-
 namespace TarvikTest {
-
-LogCapture::LogCapture()
-{
-    if (!m_file.open())
-        return;
-    fflush(stderr);
-    m_savedStderr = dup(STDERR_FILENO);
-    dup2(m_file.handle(), STDERR_FILENO);
-}
-
-LogCapture::~LogCapture()
-{
-    if (m_savedStderr < 0)
-        return;
-    fflush(stderr);
-    dup2(m_savedStderr, STDERR_FILENO);
-    close(m_savedStderr);
-}
 
 QByteArray LogCapture::text()
 {
-    QFile file(m_file.fileName());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return m_stderr.text();
 }
 
 QStringList LogCapture::messages()

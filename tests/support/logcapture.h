@@ -1,24 +1,18 @@
 #pragma once
 
+#include "support/stderrcapture.h"
+
 #include <QString>
 #include <QStringList>
-#include <QTemporaryFile>
 
 namespace TarvikTest {
 
-// Captures this process's standard error, where the log mirrors its lines
-// (Log::open with the mirror on), in a file so that a writer never blocks.
-// The syslog ident and the time stamp are cut off: a message reads like
-// "[IPC] Connected.". Standard error is given back by the destructor.
+// The log lines mirrored to this process's standard error (Log::open with
+// the mirror on) while the capture lives, read as messages: the syslog ident
+// and the time stamp are cut off, so a message reads like "[IPC] Connected.".
 class LogCapture
 {
 public:
-    LogCapture();
-    ~LogCapture();
-
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
     QStringList messages();
     // Index of the first message equal to `message` at or after `from`,
     // waiting for it (running the event loop) up to timeoutMs; -1 if none.
@@ -28,8 +22,7 @@ public:
     QByteArray text();
 
 private:
-    QTemporaryFile m_file;
-    int m_savedStderr = -1;
+    StderrCapture m_stderr;
 };
 
 } // namespace TarvikTest
