@@ -519,7 +519,8 @@ class NetworkManager:
         '''Activates a profile with the daemon's state sequence; returns the active connection path.'''
         active = str(self.mock.Activate(connection, device, ap, instant))
         if wait and not instant:
-            self.wait_device_state(device, 100, timeout)
+            wait_until(lambda: self.active_connection(device) == active and self.device_state(device) == 100,
+                       timeout, f'{device} activated with {active}')
         return active
 
     def deactivate(self, device, reason=39, instant=False, wait=True, timeout=10):
