@@ -79,6 +79,15 @@ def tarvik_binary():
 
 
 @pytest.fixture
+def start_tarvik(world, tarvik_binary):
+    '''start_tarvik(config=..., **Tarvik options) runs the built tarvik in the world (stopped with it).'''
+    def start(**kwargs):
+        kwargs.setdefault('binary', tarvik_binary)
+        return world.tarvik(**kwargs)
+    return start
+
+
+@pytest.fixture
 def mqtt(world):
     '''A test client subscribed to everything under the topic base, QoS 2.'''
     return world.mqtt(subscribe=world.base + '/#')
