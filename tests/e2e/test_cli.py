@@ -130,3 +130,45 @@ class TestConfigurationPath:
         assert len(keys) == 36 and "Modem/dns1" not in keys
         assert {k: keys[k] for k in DEFAULTS} == DEFAULTS
         assert all(v == "" for k, v in keys.items() if k not in DEFAULTS)
+
+
+LEVEL_MARKERS = {
+    "error": "[Engine] Unsupported command 'noise/get'",
+    "warning": "[Engine] Skipping device: bt0",
+    "info": "[Engine] IPC Connected to 127.0.0.1",
+    "debug": "[IPC] Publishing Message",
+}
+
+
+class TestVerbosity:
+    @pytest.mark.parametrize("verbosity, shown", [
+        (None, {"error", "warning", "info"}),
+        ("7", {"error", "warning", "info", "debug"}),
+        ("3", {"error", "warning", "info", "debug"}),
+        ("1", {"error", "warning"}),
+        ("0", {"error"}),
+        ("-2", {"error"}),
+        ("abc", {"error"}),
+    ])
+    def test_levels_reaching_stderr(self, world, verbosity, shown):
+        world.nm.add_device("bt0", 5, state=30)
+        client = world.mqtt(subscribe=world.base + "/status")
+        client.subscribe(world.base + "/error")
+        args = ["-f", "{config}", "-e"] + (["-v", verbosity] if verbosity is not None else [])
+        tarvik = world.tarvik(args=args)
+        # The status document follows the subscriptions; the error follows the whole start-up.
+        client.wait_for(world.base + "/status")
+        client.command("noise/get", {})
+        client.wait_for(world.base + "/error")
+        tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
+        seen = {level for level, marker in LEVEL_MARKERS.items()
+                if any(marker in line for line in tarvik.log_lines)}
+        assert seen == shown
+
+    def test_color_wraps_mirrored_messages(self, world):
+        client = world.mqtt(subscribe=world.base + "/status")
+        tarvik = world.tarvik(args=["-f", "{config}", "-e", "-c", "-v", "0"])
+        client.wait_for(world.base + "/status")
+        client.command("noise/get", {})
+        match = tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
+        assert match.string.endswith("\033[31m" + LEVEL_MARKERS["error"] + "\033[39m")
