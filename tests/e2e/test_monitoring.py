@@ -75,7 +75,7 @@ def test_device_added_is_provisioned_a_second_later_and_removal_only_logged(worl
     added = tarvik.wait_for_log(r"\[Engine\] Device added: Ethernet \(dev=eth1, active=0, managed=1\)$")
     monitored = tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] Started monitoring device: eth1$")
     delay = stamp(monitored.string) - stamp(added.string)
-    assert 0.99 <= delay < 1.5, f"provisioned {delay:.3f} s after the announcement"
+    assert 0.995 <= delay < 2, f"provisioned {delay:.3f} s after the announcement"
     tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] Connection 'Office LAN' created successfully\.$")
     mqtt.wait_for(mqtt.topic("ethernet/state"), predicate=lambda m: m.json["interface"] == "eth1")
     mqtt.wait_for(mqtt.topic("ethernet/config"), predicate=lambda m: m.json["interface"] == "eth1")
@@ -126,6 +126,18 @@ def test_modem_signal_change_is_logged_and_published(world, mqtt, tarvik_binary)
     assert signal.qos == 2
 
 
+def test_modem_usage_is_counted_while_connected(world, mqtt, tarvik_binary):
+    modem = scenarios.modem(world, profile="Broadband")
+    tarvik = start(world, mqtt)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] State changed: Connected \(dev=cdc-wdm0, reason=UnknownReason\)\.$")
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Started monitoring Data usage$")
+
+    world.nm.deactivate(modem.device, wait=False)
+    tarvik.wait_for_log(
+        r"\[Engine\] \[Modem\] State changed: Disconnecting \(dev=cdc-wdm0, reason=UserRequestedReason\)\.$")
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Stopped monitoring Data usage$")
+
+
 def test_modem_unknown_to_modemmanager_is_not_watched(world, mqtt, tarvik_binary):
     world.nm.add_modem("cdc-wdm0", modem="/org/freedesktop/ModemManager1/Modem/42")
     tarvik = start(world, mqtt)
@@ -148,7 +160,8 @@ def test_refused_scan_of_last_monitored_wifi_is_logged_without_publication(world
     refused = tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Failed to scan for Wifi networks: Scanning not allowed$")
     sync(mqtt)
 
-    assert 29.9 <= stamp(scan.string) - stamp(monitored) < 31
+    # A coarse timer: up to 5 % early.
+    assert 28.4 <= stamp(scan.string) - stamp(monitored) < 33
     assert stamp(refused.string) - stamp(scan.string) < 1
     assert [call["path"] for call in world.nm.calls("RequestScan")] == [wlan1]
     assert published(mqtt, "wifi/aps", since) == [] and published(mqtt, "wifi/networks", since) == []
