@@ -38,6 +38,26 @@ def test_activation_publishes_one_state_per_reduced_state(world, mqtt, tarvik_bi
     assert all(m.qos == 2 for m in states)
     assert states[-1].json["ap"]["ssid"] == "HomeNet"
 
+    tarvik.wait_for_log(r"\[Engine\] \[Network\] Primary connection changed: HomeNet$")
+    status = mqtt.wait_for(mqtt.topic("status"), predicate=lambda m: m.json["primaryConnection"] is not None)
+    assert status.json["primaryConnection"]["connectionName"] == "HomeNet"
+
+
+def test_managed_flag_and_interface_name_are_only_logged(world, mqtt, tarvik_binary):
+    wlan = world.nm.add_wifi("wlan0")
+    tarvik = start(world, mqtt)
+    since = time.monotonic()
+
+    world.nm.set_managed(wlan, False)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Device is no longer managed \(name=wlan0\)\.$")
+    world.nm.set_managed(wlan, True)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Device is now managed \(name=wlan0\)\.$")
+    world.nm.set_interface_name(wlan, "wlan7")
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Device interface name changed: wlan7\.$")
+    sync(mqtt)
+    documents = [m.topic for m in mqtt.messages() if m.time >= since and not m.topic.endswith("/get")]
+    assert documents == [mqtt.topic("info")]
+
 
 def test_failed_activation_is_reported_unavailable(world, mqtt, tarvik_binary):
     wlan = world.nm.add_wifi("wlan0")
