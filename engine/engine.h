@@ -12,6 +12,7 @@
 #include <NetworkManagerQt/Ipv4Setting>
 #include <NetworkManagerQt/Manager>
 #include <NetworkManagerQt/ModemDevice>
+#include <NetworkManagerQt/WirelessDevice>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
@@ -86,6 +87,9 @@ private:
     NetworkManager::Device::Ptr getDeviceFromSender(QObject* sender);
     NetworkManager::Device::Ptr getDeviceFromUni(const QString& uni);
     NetworkManager::ActiveConnection::Ptr getConnectionFromUni(const QString& uni);
+    void monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless);
+    void monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice);
+    void scanWifiNetworks(NetworkManager::WirelessDevice::Ptr wireless);
 
     // Provisioning (provisioning.cpp)
     void reload();
@@ -96,6 +100,7 @@ private:
     bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4);
     NetworkManager::Connection::Ptr findConnection(const QString& name, NetworkManager::Device::Ptr device);
     NetworkManager::AccessPoint::Ptr findAccessPoint(NetworkManager::Device::Ptr device, const QString& ssid);
+    void loadConnectionSecrets(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device);
 
     // Configuration commands (configcommands.cpp)
     void processEthernetConfigSetCommand(const QJsonObject& payload);

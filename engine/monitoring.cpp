@@ -61,75 +61,86 @@ void Engine::monitorDevice(NetworkManager::Device::Ptr device)
         }
         break;
     }
-    case NetworkManager::Device::Wifi: {
-        auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
-        if (!wireless) {
-            break;
-        }
-        disconnect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, nullptr, nullptr);
-        connect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, this,
-                [this, wireless](const QString& path) {
-                    auto accessPoint = wireless->findAccessPoint(path);
-                    if (!accessPoint) {
-                        return;
-                    }
-                    log(Log::Info, "[Wifi] AccessPoint '%s' appeared (dev=%s, signal=%d%%).",
-                        qUtf8Printable(accessPoint->ssid()), qUtf8Printable(wireless->interfaceName()),
-                        accessPoint->signalStrength());
-                });
-        disconnect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, nullptr, nullptr);
-        connect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, this,
-                [this, wireless](const QString& ssid) {
-                    auto network = wireless->findNetwork(ssid);
-                    if (!network) {
-                        return;
-                    }
-                    log(Log::Info, "[Wifi] Network '%s' found (dev=%s, signal=%d%%).",
-                        qUtf8Printable(network->ssid()), qUtf8Printable(wireless->interfaceName()),
-                        network->signalStrength());
-                    m_ipc->publishWifiNetworks(wireless);
-                });
-
-        // One scan timer for the whole system: the Wi-Fi device monitored
-        // last is the one that gets scanned.
-        m_scanTimer.reset(new QTimer(this));
-        connect(m_scanTimer.get(), &QTimer::timeout, this, [this, wireless]() {
-            const QByteArray type = typeText(wireless->type());
-            log(Log::Debug, "[%s] Scanning for  Wifi networks.", type.constData());
-            QDBusPendingReply<> reply = wireless->requestScan(QVariantMap());
-            reply.waitForFinished();
-            if (reply.isValid()) {
-                m_ipc->publishWifiAccessPoints(wireless);
-                m_ipc->publishWifiNetworks(wireless);
-            } else {
-                log(Log::Info, "[%s] Failed to scan for Wifi networks: %s", type.constData(),
-                    qUtf8Printable(reply.error().message()));
-            }
-        });
-        m_scanTimer->start(scanIntervalMs);
+    case NetworkManager::Device::Wifi:
+        monitorWirelessDevice(device.objectCast<NetworkManager::WirelessDevice>());
         break;
-    }
-    case NetworkManager::Device::Modem: {
-        auto modemDevice = device.objectCast<NetworkManager::ModemDevice>();
-        auto modem = ModemManager::findModemDevice(device->udi());
-        ModemManager::Modem::Ptr modemInterface = modem ? modem->modemInterface() : ModemManager::Modem::Ptr();
-        if (!modemInterface) {
-            log(Log::Warning, "[Modem] No ModemManager modem found for %s (dev=%s). Signal quality not monitored.",
-                qUtf8Printable(device->udi()), qUtf8Printable(device->interfaceName()));
-            break;
-        }
-        disconnect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, nullptr, nullptr);
-        connect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, this,
-                [this, modemDevice](ModemManager::SignalQualityPair signalQuality) {
-                    log(Log::Info, "[Modem] Signal changed '%u' (dev=%s).", signalQuality.signal,
-                        qUtf8Printable(modemDevice->interfaceName()));
-                    m_ipc->publishDeviceModemSignal(modemDevice);
-                });
+    case NetworkManager::Device::Modem:
+        monitorModemSignal(device.objectCast<NetworkManager::ModemDevice>());
         break;
-    }
     default:
         break;
     }
+}
+
+void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
+{
+    if (!wireless) {
+        return;
+    }
+    disconnect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, nullptr, nullptr);
+    connect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, this,
+            [this, wireless](const QString& path) {
+                auto accessPoint = wireless->findAccessPoint(path);
+                if (!accessPoint) {
+                    return;
+                }
+                log(Log::Info, "[Wifi] AccessPoint '%s' appeared (dev=%s, signal=%d%%).",
+                    qUtf8Printable(accessPoint->ssid()), qUtf8Printable(wireless->interfaceName()),
+                    accessPoint->signalStrength());
+            });
+    disconnect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, nullptr, nullptr);
+    connect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, this,
+            [this, wireless](const QString& ssid) {
+                auto network = wireless->findNetwork(ssid);
+                if (!network) {
+                    return;
+                }
+                log(Log::Info, "[Wifi] Network '%s' found (dev=%s, signal=%d%%).", qUtf8Printable(network->ssid()),
+                    qUtf8Printable(wireless->interfaceName()), network->signalStrength());
+                m_ipc->publishWifiNetworks(wireless);
+            });
+
+    // One scan timer for the whole system: the Wi-Fi device monitored last is
+    // the one that gets scanned.
+    m_scanTimer.reset(new QTimer(this));
+    connect(m_scanTimer.get(), &QTimer::timeout, this, [this, wireless]() { scanWifiNetworks(wireless); });
+    m_scanTimer->start(scanIntervalMs);
+}
+
+void Engine::scanWifiNetworks(NetworkManager::WirelessDevice::Ptr wireless)
+{
+    const QByteArray type = typeText(wireless->type());
+    log(Log::Debug, "[%s] Scanning for  Wifi networks.", type.constData());
+    QDBusPendingReply<> reply = wireless->requestScan(QVariantMap());
+    reply.waitForFinished();
+    if (!reply.isValid()) {
+        log(Log::Info, "[%s] Failed to scan for Wifi networks: %s", type.constData(),
+            qUtf8Printable(reply.error().message()));
+        return;
+    }
+    m_ipc->publishWifiAccessPoints(wireless);
+    m_ipc->publishWifiNetworks(wireless);
+}
+
+void Engine::monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice)
+{
+    if (!modemDevice) {
+        return;
+    }
+    auto modem = ModemManager::findModemDevice(modemDevice->udi());
+    ModemManager::Modem::Ptr modemInterface = modem ? modem->modemInterface() : ModemManager::Modem::Ptr();
+    if (!modemInterface) {
+        log(Log::Warning, "[Modem] No ModemManager modem found for %s (dev=%s). Signal quality not monitored.",
+            qUtf8Printable(modemDevice->udi()), qUtf8Printable(modemDevice->interfaceName()));
+        return;
+    }
+    disconnect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, nullptr, nullptr);
+    connect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, this,
+            [this, modemDevice](ModemManager::SignalQualityPair signalQuality) {
+                log(Log::Info, "[Modem] Signal changed '%u' (dev=%s).", signalQuality.signal,
+                    qUtf8Printable(modemDevice->interfaceName()));
+                m_ipc->publishDeviceModemSignal(modemDevice);
+            });
 }
 
 void Engine::unmonitorDevice(NetworkManager::Device::Ptr device)

@@ -214,31 +214,8 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
     }
 
     log(Log::Info, "[%s] Connection '%s' already exists.", type.constData(), qUtf8Printable(name));
+    loadConnectionSecrets(connection, device);
     NetworkManager::ConnectionSettings::Ptr settings = connection->settings();
-
-    // Keys and passwords are not part of the settings NetworkManager hands
-    // out: fetch them so that they take part in the comparison.
-    if (device->type() == NetworkManager::Device::Wifi) {
-        auto securitySetting =
-            settingOf<NetworkManager::WirelessSecuritySetting>(settings, NetworkManager::Setting::WirelessSecurity);
-        if (securitySetting) {
-            QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(securitySetting->name());
-            reply.waitForFinished();
-            if (!reply.isValid()) {
-                log(Log::Info, "[%s] Failed to get secrets: '%s' : %s", type.constData(), qUtf8Printable(name),
-                    qUtf8Printable(reply.error().message()));
-            }
-            securitySetting->secretsFromMap(reply.value().value(wirelessSecurityGroup));
-        }
-    } else if (settings->connectionType() == NetworkManager::ConnectionSettings::Gsm) {
-        auto gsmSetting = settingOf<NetworkManager::GsmSetting>(settings, NetworkManager::Setting::Gsm);
-        QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(gsmGroup);
-        reply.waitForFinished();
-        if (!reply.isError() && gsmSetting) {
-            gsmSetting->secretsFromMap(reply.value().value(gsmGroup));
-        }
-    }
-
     if (updateConnectionSettings(settings, config, security)) {
         log(Log::Info, "[%s] Connection settings have changed. Applying new settings.", type.constData());
         QDBusPendingReply<> reply = connection->update(updateMapOf(settings));
@@ -439,6 +416,34 @@ bool Engine::updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, c
 
     setting->setInitialized(true);
     return changed;
+}
+
+// Keys and passwords are not part of the settings NetworkManager hands out:
+// fetch them so that they take part in the comparison with the configuration.
+void Engine::loadConnectionSecrets(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device)
+{
+    NetworkManager::ConnectionSettings::Ptr settings = connection->settings();
+    if (device->type() == NetworkManager::Device::Wifi) {
+        auto securitySetting =
+            settingOf<NetworkManager::WirelessSecuritySetting>(settings, NetworkManager::Setting::WirelessSecurity);
+        if (!securitySetting) {
+            return;
+        }
+        QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(securitySetting->name());
+        reply.waitForFinished();
+        if (!reply.isValid()) {
+            log(Log::Info, "[%s] Failed to get secrets: '%s' : %s", typeText(device->type()).constData(),
+                qUtf8Printable(connection->name()), qUtf8Printable(reply.error().message()));
+        }
+        securitySetting->secretsFromMap(reply.value().value(wirelessSecurityGroup));
+    } else if (settings->connectionType() == NetworkManager::ConnectionSettings::Gsm) {
+        auto gsmSetting = settingOf<NetworkManager::GsmSetting>(settings, NetworkManager::Setting::Gsm);
+        QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(gsmGroup);
+        reply.waitForFinished();
+        if (!reply.isError() && gsmSetting) {
+            gsmSetting->secretsFromMap(reply.value().value(gsmGroup));
+        }
+    }
 }
 
 NetworkManager::Connection::Ptr Engine::findConnection(const QString& name, NetworkManager::Device::Ptr device)
