@@ -12,9 +12,12 @@ NO_WIFI = {"Wifi": {"ssid": ""}}
 STAMP = re.compile(r"\[\s*(\d+\.\d+)\] ")
 
 
-def start(world, mqtt, config=None, extra_args=()):
-    """Starts tarvik and returns once its first reload has run to its end."""
-    tarvik = world.tarvik(config=NO_WIFI if config is None else config, extra_args=list(extra_args))
+def start(world, mqtt, config=None, extra_args=(), level="2"):
+    """Starts tarvik and returns once its first reload has run to its end.
+
+    The info level keeps the published documents out of the log, so that a
+    failure shows the engine's own lines."""
+    tarvik = world.tarvik(config=NO_WIFI if config is None else config, extra_args=["-v", level, *extra_args])
     tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.", timeout=15)
     # The reload's own "info" must not pass for the answer that sync waits for.
     mqtt.wait_for(mqtt.topic("info"))

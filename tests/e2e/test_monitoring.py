@@ -172,7 +172,7 @@ def test_refused_scan_of_last_monitored_wifi_is_logged_without_publication(world
     wlan1 = world.nm.add_wifi("wlan1")
     world.nm.refuse("RequestScan", "org.freedesktop.NetworkManager.Device.NotAllowed", "Scanning not allowed",
                     count=-1)
-    tarvik = start(world, mqtt)
+    tarvik = start(world, mqtt, level="3")
     monitored = [line for line in tarvik.log_lines if "Started monitoring device: wlan1" in line][0]
     since = time.monotonic()
 
