@@ -231,3 +231,35 @@ def test_device_of_another_type_is_refused_a_profile(world, mqtt, tarvik_binary)
                          "Connection 'unknown' does not exist. Creating and activating."]
     assert re.fullmatch(r"Failed to create connection 'unknown' : .+", lines[2])
     assert world.nm.connections() == []
+
+
+def test_refused_activation_is_logged(world, mqtt, tarvik_binary):
+    scenarios.ethernet(world)
+    world.nm.refuse("ActivateConnection", "org.freedesktop.NetworkManager.UnknownConnection",
+                    "Connection 'Ethernet' is not available on device eth0")
+    tarvik = start(world, mqtt)
+    mqtt.wait_for(mqtt.topic("ethernet/config"))
+
+    assert provisioning_lines(tarvik, "Ethernet")[-2:] == [
+        "Connection 'Ethernet' not active. Activating.",
+        "Failed to activate connection: Connection 'Ethernet' is not available on device eth0",
+    ]
+
+
+def test_unreadable_wifi_secrets_make_the_key_count_as_changed(world, mqtt, tarvik_binary):
+    wifi = scenarios.wifi(world, profile_ssid="HomeNet", key="homenet-secret", active=True)
+    world.nm.refuse("GetSecrets", "org.freedesktop.NetworkManager.AgentManager.NoSecrets", "No agents available")
+    tarvik = start(world, mqtt, config={"Wifi": {"ssid": "HomeNet", "key": "homenet-secret"}})
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Connection 'HomeNet' updated\.$")
+
+    assert provisioning_lines(tarvik, "Wifi") == [
+        "Checking connection: HomeNet",
+        "Connection 'HomeNet' already exists.",
+        "Failed to get secrets: 'HomeNet' : No agents available",
+        "Connection settings have changed. Applying new settings.",
+        "Connection 'HomeNet' updated.",
+    ]
+    update = world.nm.calls("Update")[0]
+    assert update["path"] == wifi.connection
+    assert update["args"][0]["802-11-wireless-security"]["psk"] == "homenet-secret"
+    assert update["args"][0]["gsm"] == {"password": "", "pin": ""}
