@@ -127,6 +127,17 @@ def wait_until(condition, timeout, what, interval=0.005):
         time.sleep(interval)
 
 
+def _tail(path, lines=20):
+    '''The end of a log file, for error messages.'''
+    if not path:
+        return ''
+    try:
+        with open(path, errors='replace') as f:
+            return '\n' + ''.join(f.readlines()[-lines:])
+    except OSError:
+        return ''
+
+
 def free_port():
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind(('127.0.0.1', 0))
@@ -362,10 +373,11 @@ class Bus:
         except OSError:
             return ''
 
-    def wait_for_name(self, name, proc, timeout=15):
+    def wait_for_name(self, name, proc, timeout=15, log_file=None):
         def owned():
             if proc.poll() is not None:
-                raise RuntimeError(f'{name} exited with {proc.returncode} before taking its name')
+                raise RuntimeError(f'{name} exited with {proc.returncode} before taking its name'
+                                   + _tail(log_file))
             return self.connection.name_has_owner(name)
         wait_until(owned, timeout, f'{name} on the bus', interval=0.01)
 
@@ -400,13 +412,13 @@ class MockService:
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
         self.proc = spawn(cmd, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                           stderr=open(self.log_file + '.stderr', 'wb'))
-        self.bus.wait_for_name(self.name, self.proc)
+        self.bus.wait_for_name(self.name, self.proc, log_file=self.log_file + '.stderr')
         wait_until(self._loaded, 15, f'{self.name} to load its template', interval=0.01)
 
     def _loaded(self):
         '''The name is taken before the template is loaded: wait until a call of the template answers.'''
         if self.proc.poll() is not None:
-            raise RuntimeError(f'{self.name} exited with {self.proc.returncode}; see {self.log_file}.stderr')
+            raise RuntimeError(f'{self.name} exited with {self.proc.returncode}' + _tail(self.log_file + '.stderr'))
         path, iface, method, args = self.ready_call
         try:
             self.bus.connection.call_blocking(self.name, path, iface, method, 's' * len(args), args, timeout=5)
@@ -1027,14 +1039,26 @@ class Tarvik:
 
 # ---------------------------------------------------------------- the world
 
+def world_parent_directory():
+    '''$TARVIK_WORLD_DIR, else <build dir>/worlds (each checkout keeps its own), else /var/tmp.
+
+    Never /tmp: tarvik may run with a private /tmp. The bus socket path must stay short.'''
+    parent = os.environ.get('TARVIK_WORLD_DIR')
+    build = os.environ.get('TARVIK_BUILD_DIR')
+    if not parent and build and len(os.path.join(build, 'worlds')) < 60:
+        parent = os.path.join(build, 'worlds')
+    parent = parent or '/var/tmp'
+    os.makedirs(parent, exist_ok=True)
+    return parent
+
+
 class World:
     '''Bus, NetworkManager, ModemManager and broker for one test (or module, or demo run).'''
 
     def __init__(self, directory=None, broker_users=None, broker_port=None, nm_parameters=None,
                  base=DEFAULT_BASE, keep=None):
         self._own_directory = directory is None
-        parent = os.environ.get('TARVIK_WORLD_DIR', '/var/tmp')
-        self.directory = directory or tempfile.mkdtemp(prefix='tarvik-world-', dir=parent)
+        self.directory = directory or tempfile.mkdtemp(prefix='tarvik-world-', dir=world_parent_directory())
         os.makedirs(self.directory, exist_ok=True)
         os.chmod(self.directory, 0o755)
         self.keep = bool(os.environ.get('TARVIK_KEEP_WORLD')) if keep is None else keep
@@ -1071,8 +1095,10 @@ class World:
             self.nm = NetworkManager(self.bus)
             self.mm = ModemManager(self.bus)
             self.broker.start()
-        except BaseException:
-            self.stop()
+        except BaseException as error:
+            self.stop(remove=False)
+            if isinstance(error, Exception):
+                raise RuntimeError(f'{error}\n(logs in {self.directory})') from error
             raise
         return self
 
