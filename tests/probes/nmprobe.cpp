@@ -9,6 +9,7 @@
 //   nmprobe update-manual UUID ADDRESS PREFIX GATEWAY DNS
 //                                         waited update with a manual IPv4 setting, then the settings read back
 //   nmprobe scan IFACE                    waited requestScan
+//   nmprobe secrets-latency UUID SETTING [N]  p50 and p99 of N waited secrets calls
 
 #include <ModemManagerQt/Bearer>
 #include <ModemManagerQt/Manager>
@@ -37,6 +38,7 @@
 #include <QJsonObject>
 #include <QTimer>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -465,6 +467,25 @@ int updateManual(const QStringList& args, QCoreApplication& app)
     return 0;
 }
 
+int secretsLatency(const QStringList& args)
+{
+    auto connection = NetworkManager::findConnectionByUuid(args.value(0));
+    if (!connection)
+        return 2;
+    const int rounds = args.value(2, QStringLiteral("200")).toInt();
+    QVector<qint64> nanoseconds;
+    QElapsedTimer timer;
+    for (int i = 0; i < rounds; ++i) {
+        timer.start();
+        QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(args.value(1));
+        reply.waitForFinished();
+        nanoseconds.append(timer.nsecsElapsed());
+    }
+    std::sort(nanoseconds.begin(), nanoseconds.end());
+    print({{"p50_ms", nanoseconds[rounds / 2] / 1e6}, {"p99_ms", nanoseconds[rounds * 99 / 100] / 1e6}});
+    return 0;
+}
+
 int scan(const QStringList& args)
 {
     auto wireless = deviceNamed(args.value(0)).objectCast<NetworkManager::WirelessDevice>();
@@ -504,7 +525,10 @@ int main(int argc, char* argv[])
         return updateManual(args, app);
     if (command == QLatin1String("scan"))
         return scan(args);
+    if (command == QLatin1String("secrets-latency"))
+        return secretsLatency(args);
     std::fprintf(stderr, "usage: nmprobe snapshot|watch SECONDS|activate UUID IFACE [AP]|"
-                         "add-activate-unknown IFACE|update-manual UUID ADDRESS PREFIX GATEWAY DNS|scan IFACE\n");
+                         "add-activate-unknown IFACE|update-manual UUID ADDRESS PREFIX GATEWAY DNS|scan IFACE|"
+                         "secrets-latency UUID SETTING [N]\n");
     return 2;
 }
