@@ -167,6 +167,20 @@ def test_process_helper_reads_log_lines_private_tmp_and_fake_time(world):
     assert group_members(pid) == []
 
 
+def test_process_helper_captures_syslog_in_a_private_dev(world):
+    script = ('import syslog, os\n'
+              'syslog.openlog("tarvik", syslog.LOG_PID, syslog.LOG_LOCAL1)\n'
+              'syslog.syslog(syslog.LOG_WARNING, "Config file not found: x.")\n'
+              'open("/dev/null", "w").write("ignored")\n'
+              'syslog.syslog(syslog.LOG_DEBUG, "done " + str(sorted(os.listdir("/dev"))))\n')
+    t = world.tarvik(binary='/usr/bin/python3', args=['-c', script])
+    assert t.wait() == 0
+    warning = t.wait_for_syslog(r'^Config file not found: x\.$', timeout=5)
+    assert (warning.priority, warning.facility, warning.ident, warning.pid) == (4, 17, 'tarvik', t.proc.pid)
+    done = t.wait_for_syslog(r'^done ', timeout=5)
+    assert done.priority == 7 and "'log'" in done.message and "'null'" in done.message
+
+
 def test_config_file_holds_the_broker_and_given_keys(world):
     t = world.tarvik(binary='/bin/true', config={'Wifi': {'ssid': 'Home Net', 'key': 'a,b'}, 'Modem/usageSec': 5})
     t.wait()

@@ -889,6 +889,87 @@ class MqttClient:
 
 CONFIG_GROUPS = ('Mqtt', 'Ethernet', 'Wifi', 'Modem')
 
+# Runs the command in a private mount namespace: $TARVIK_TMP (when set) bound on /tmp; with
+# $TARVIK_SYSLOG set, a small /dev of the usual nodes whose /dev/log is the test's datagram socket.
+NAMESPACE_SCRIPT = r'''set -e
+if [ -n "$TARVIK_TMP" ]; then mount --bind "$TARVIK_TMP" /tmp; fi
+if [ -n "$TARVIK_SYSLOG" ]; then
+  dev="$TARVIK_DEV"
+  mount -t tmpfs -o mode=0755,size=64k tarvik-dev "$dev"
+  for node in null zero full random urandom tty console ptmx; do
+    if [ -e "/dev/$node" ]; then touch "$dev/$node"; mount --bind "/dev/$node" "$dev/$node"; fi
+  done
+  for dir in pts shm mqueue; do
+    if [ -d "/dev/$dir" ]; then mkdir "$dev/$dir"; mount --bind "/dev/$dir" "$dev/$dir"; fi
+  done
+  ln -s /proc/self/fd "$dev/fd"; ln -s /proc/self/fd/0 "$dev/stdin"
+  ln -s /proc/self/fd/1 "$dev/stdout"; ln -s /proc/self/fd/2 "$dev/stderr"
+  touch "$dev/log"; mount --bind "$TARVIK_SYSLOG" "$dev/log"
+  mount --move "$dev" /dev
+fi
+unset TARVIK_TMP TARVIK_SYSLOG TARVIK_DEV
+exec "$@"
+'''
+
+SYSLOG_LINE = re.compile(r'^<(\d+)>(\w{3} [ \d]\d \d\d:\d\d:\d\d) ([^:\[]*)(?:\[(\d+)\])?: (.*)$', re.S)
+
+
+class SyslogRecord:
+    '''One datagram as glibc's syslog() sends it: "<PRI>Mmm dd hh:mm:ss ident[pid]: message".'''
+
+    def __init__(self, raw):
+        self.raw = raw
+        match = SYSLOG_LINE.match(raw)
+        pri = int(match.group(1)) if match else -1
+        self.priority = pri & 7 if match else None
+        self.facility = pri >> 3 if match else None
+        self.timestamp = match.group(2) if match else None
+        self.ident = match.group(3) if match else None
+        self.pid = int(match.group(4)) if match and match.group(4) else None
+        self.message = match.group(5) if match else raw
+
+    def __repr__(self):
+        return f'SyslogRecord(priority={self.priority}, facility={self.facility}, {self.message!r})'
+
+
+class SyslogSink:
+    '''A datagram socket that stands in for /dev/log and collects what arrives.'''
+
+    def __init__(self, path):
+        self.path = path
+        if os.path.exists(path):
+            os.unlink(path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(path)
+        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+        os.chmod(path, 0o666)
+        self.records = []
+        self.cond = threading.Condition()
+        self._closed = False
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        self._thread.start()
+
+    def _read(self):
+        while True:
+            try:
+                data = self.sock.recv(65536)
+            except OSError:
+                return
+            if self._closed:
+                return
+            with self.cond:
+                self.records.append(SyslogRecord(data.decode('utf-8', 'replace').rstrip('\n\0')))
+                self.cond.notify_all()
+
+    def close(self):
+        self._closed = True
+        try:
+            self.sock.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self.sock.close()
+        self._thread.join(2)
+
 
 def _ini_value(value):
     if isinstance(value, bool):
@@ -921,8 +1002,11 @@ class Tarvik:
     '''The tarvik process: INI file, environment, stderr collected line by line in a thread.'''
 
     def __init__(self, world, config=None, args=None, extra_args=(), cwd=None, private_tmp=False,
-                 faketime=None, env=None, config_path=None, write_config=True, binary=None):
+                 faketime=None, env=None, config_path=None, write_config=True, binary=None, syslog=True):
         self.world = world
+        self.syslog = None
+        self._syslog_wanted = syslog
+        self._syslog_cursor = 0
         self.binary = binary or os.environ.get('TARVIK_BINARY') or 'tarvik'
         self.config_path = config_path or os.path.join(world.directory, 'tarvik.conf')
         self.cwd = cwd or world.directory
@@ -952,15 +1036,27 @@ class Tarvik:
         cmd = [self.binary] + self.args
         if self.faketime:
             cmd = ['faketime', '-f', self.faketime] + cmd
+        if self.tmp_dir or self._syslog_wanted:
+            cmd = ['unshare', '--mount', '--propagation', 'private', 'sh', '-c', NAMESPACE_SCRIPT, 'tarvik-ns'] + cmd
+        return cmd
+
+    def _namespace_env(self):
+        env = {}
         if self.tmp_dir:
             os.makedirs(self.tmp_dir, exist_ok=True)
-            cmd = ['unshare', '--mount', '--propagation', 'private', 'sh', '-c',
-                   'mount --bind "$0" /tmp && exec "$@"', self.tmp_dir] + cmd
-        return cmd
+            env['TARVIK_TMP'] = self.tmp_dir
+        if self._syslog_wanted:
+            index = len(self.world._tarviks)
+            self.syslog = SyslogSink(os.path.join(self.world.directory, f'syslog-{index}.sock'))
+            dev = os.path.join(self.world.directory, f'dev-{index}')
+            os.makedirs(dev, exist_ok=True)
+            env.update(TARVIK_SYSLOG=self.syslog.path, TARVIK_DEV=dev)
+        return env
 
     def start(self):
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.world.bus_address)
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
+        env.update(self._namespace_env())
         if self.faketime:
             env.setdefault('FAKETIME_DONT_FAKE_MONOTONIC', '1')
         env.update(self.extra_env)
@@ -1007,9 +1103,36 @@ class Tarvik:
         return found
 
     def mark(self):
-        '''Later waits only look at lines that arrive from now on.'''
+        '''Later waits only look at lines (and syslog records) that arrive from now on.'''
         with self._cond:
             self._cursor = len(self.log_lines)
+        if self.syslog:
+            with self.syslog.cond:
+                self._syslog_cursor = len(self.syslog.records)
+
+    def wait_for_syslog(self, pattern, timeout=10):
+        '''The next syslog record (after the previous match) whose message matches; a SyslogRecord.'''
+        if not self.syslog:
+            raise RuntimeError('tarvik runs without syslog capture')
+        regex = re.compile(pattern)
+
+        def find():
+            records = self.syslog.records
+            for index in range(self._syslog_cursor, len(records)):
+                if regex.search(records[index].message):
+                    self._syslog_cursor = index + 1
+                    return records[index]
+            return None
+        with self.syslog.cond:
+            found = self.syslog.cond.wait_for(find, timeout)
+        if found is None:
+            tail = '\n'.join(r.raw for r in self.syslog.records[-20:])
+            raise AssertionError(f'no syslog record matching {pattern!r} within {timeout} s; last:\n{tail}')
+        return found
+
+    @property
+    def syslog_records(self):
+        return list(self.syslog.records) if self.syslog else []
 
     def lines_matching(self, pattern):
         regex = re.compile(pattern)
@@ -1024,7 +1147,12 @@ class Tarvik:
         code = kill_group(self.proc, timeout, sig)
         for thread in self._threads:
             thread.join(2)
+        self._close_syslog()
         return code
+
+    def _close_syslog(self):
+        if self.syslog:
+            self.syslog.close()
 
     def wait(self, timeout=10):
         try:
