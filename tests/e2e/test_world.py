@@ -362,6 +362,53 @@ def test_activation_and_changes_reach_the_library_as_signals(demo_world, watch):
     probe.next('deviceRemoved', path=scene.modem.device)
 
 
+def test_failed_and_ended_activations_walk_the_daemons_states(world, watch):
+    wlan = scenarios.wifi(world, profile_ssid=None)
+    keyless = world.nm.add_connection(wifi_profile('HomeNet', key=None))
+    eth = scenarios.ethernet(world)
+    probe = watch()
+    world.nm.activate(keyless, wlan.device, wlan.aps['HomeNet'], wait=False)
+    for new, old, reason in [(40, 30, 0), (50, 40, 0), (60, 50, 0), (120, 60, 7), (30, 120, 7)]:
+        probe.next('stateChanged', device='wlan0', new=new, old=old, reason=reason)
+
+    world.nm.fail_next_activation(eth.device, reason=5)
+    world.nm.activate(eth.connection, eth.device, wait=False)
+    for new, old, reason in [(70, 50, 0), (120, 70, 5), (30, 120, 5)]:
+        probe.next('stateChanged', device='eth0', new=new, old=old, reason=reason)
+    assert world.nm.manager_property('ActiveConnections') == []
+
+    world.nm.activate(eth.connection, eth.device)
+    world.nm.deactivate(eth.device)
+    for new, old, reason in [(110, 100, 39), (30, 110, 39)]:
+        probe.next('stateChanged', device='eth0', new=new, old=old, reason=reason)
+    assert (world.nm.manager_property('PrimaryConnection'), world.nm.manager_property('State')) == ('/', 20)
+
+
+def test_command_line_world_runs_until_terminated(tmp_path):
+    config = tmp_path / 'tarvik.conf'
+    proc = spawn(['/usr/bin/python3', os.path.join(os.path.dirname(scenarios.__file__), 'world.py'),
+                  '--scenario', 'demo', '--config-out', str(config)], stdout=subprocess.PIPE, text=True)
+    try:
+        lines = dict(proc.stdout.readline().strip().split('=', 1) for _ in range(3))
+        assert lines['DBUS_SYSTEM_BUS_ADDRESS'].startswith('unix:path=' + lines['WORLD_DIR'])
+        text = config.read_text()
+        assert f"port={lines['MQTT_PORT']}\n" in text and 'ssid=HomeNet\n' in text
+        proc.send_signal(15)
+        assert proc.wait(20) == 0
+        assert not os.path.exists(lines['WORLD_DIR'])
+        assert not [pid for pid in os.listdir('/proc') if pid.isdigit() and lines['WORLD_DIR'] in cmdline(pid)]
+    finally:
+        kill_group(proc)
+
+
+def cmdline(pid):
+    try:
+        with open(f'/proc/{pid}/cmdline', 'rb') as f:
+            return f.read().decode(errors='replace')
+    except OSError:
+        return ''
+
+
 def test_library_calls_reach_the_simulation(demo_world):
     w, scene = demo_world, demo_world.scenario
     uuid = w.nm.connection_settings(scene.ethernet.connection)['connection']['uuid']
