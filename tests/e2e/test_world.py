@@ -96,6 +96,15 @@ def test_refusals_fail_the_next_call_with_the_chosen_error(world):
     assert error.value.get_dbus_message() == 'not allowed'
     call(world, path, CONNECTION, 'Update', world_settings(ethernet_profile(autoconnect=False)))
 
+    other = world.nm.add_connection(ethernet_profile('Other'))
+    world.nm.refuse('GetSecrets', CONNECTION + '.Failed', 'no agent', count=-1, path=other)
+    assert world.nm.get_secrets(path, 'connection') == {'connection': {}, '802-3-ethernet': {}, 'ipv4': {}, 'ipv6': {}}
+    for _ in range(2):
+        with pytest.raises(dbus.exceptions.DBusException):
+            world.nm.get_secrets(other, 'connection')
+    world.nm.clear_refusals()
+    world.nm.get_secrets(other, 'connection')
+
 
 def test_activation_reaches_activated_with_ip_configuration(world):
     device = world.nm.add_ethernet('eth0')

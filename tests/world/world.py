@@ -587,11 +587,12 @@ class NetworkManager:
 
     # failures and the call log
     def refuse(self, method, error='org.freedesktop.NetworkManager.Failed', message='Refused by the test',
-               count=1):
+               count=1, path=''):
         '''The next count calls of method (Update, ActivateConnection, AddAndActivateConnection, GetSecrets,
         GetSettings, RequestScan, DeactivateConnection, Delete, AddConnection, Disconnect) fail with the
-        D-Bus error; count -1 until clear_refusals().'''
-        self.mock.Refuse(method, error, message, count)
+        D-Bus error; count -1 until clear_refusals(). With path, only calls on that object (a profile,
+        a device; the manager is /org/freedesktop/NetworkManager) are refused.'''
+        self.mock.Refuse(method, path, error, message, count)
 
     def clear_refusals(self):
         self.mock.ClearRefusals()

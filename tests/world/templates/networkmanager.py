@@ -88,7 +88,7 @@ class World:
         self.connections = {}      # path -> {'settings': {...}, 'secrets': {...}}
         self.devices = {}          # path -> {'generation': int, 'lease': tuple or None, 'fail': reason or None}
         self.active = {}           # path -> {'connection', 'device', 'specific', 'ip4', 'dhcp4'}
-        self.refusals = {}         # method -> [error name, message, remaining (-1 = until cleared)]
+        self.refusals = {}         # (method, path or '') -> [error name, message, remaining (-1 = until cleared)]
         self.calls = []
         self.step_ms = 2
         self.pinned_state = False
@@ -186,15 +186,16 @@ def record_call(path, method, args):
     W.calls.append({'time': time.time(), 'path': str(path), 'method': method, 'args': plain(list(args))})
 
 
-def check_refusal(method):
-    refusal = W.refusals.get(method)
+def check_refusal(method, path):
+    key = (method, str(path)) if (method, str(path)) in W.refusals else (method, '')
+    refusal = W.refusals.get(key)
     if not refusal:
         return
     name, message, remaining = refusal
     if remaining > 0:
         refusal[2] -= 1
         if refusal[2] == 0:
-            del W.refusals[method]
+            del W.refusals[key]
     raise dbus.exceptions.DBusException(message, name=name)
 
 
@@ -203,7 +204,7 @@ def entry(method):
     def decorate(function):
         def wrapper(self, *args):
             record_call(self.path, method, args)
-            check_refusal(method)
+            check_refusal(method, self.path)
             return function(self, *args)
         return wrapper
     return decorate
@@ -1223,10 +1224,11 @@ def EmitOn(self, path, iface, name, args):
     obj(path).EmitSignal(iface, name, ''.join(dbus.lowlevel.Message.guess_signature(a) for a in args), args)
 
 
-@dbus.service.method(MOCK_IFACE, in_signature='sssi', out_signature='')
-def Refuse(self, method, error_name, message, count):
-    '''The next count calls of the method fail with the error (count -1: until cleared).'''
-    W.refusals[method] = [error_name, message, count]
+@dbus.service.method(MOCK_IFACE, in_signature='ssssi', out_signature='')
+def Refuse(self, method, path, error_name, message, count):
+    '''The next count calls of the method (on the object path, or any when empty) fail with the error
+    (count -1: until cleared).'''
+    W.refusals[(str(method), str(path))] = [error_name, message, count]
 
 
 @dbus.service.method(MOCK_IFACE, in_signature='', out_signature='')
