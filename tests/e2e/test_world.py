@@ -154,6 +154,16 @@ def test_broker_keeps_retained_messages_and_restarts_on_its_port(world):
     assert again.count('tolv/network/status/get') == 1
 
 
+def test_silent_listener_accepts_and_never_answers(world):
+    import socket
+    listener = world.silent_listener()
+    with socket.create_connection(('127.0.0.1', listener.port), timeout=2) as s:
+        s.sendall(b'\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00')
+        s.settimeout(0.3)
+        with pytest.raises(socket.timeout):
+            s.recv(1)
+
+
 @pytest.mark.parametrize('world', [{'broker_users': {'tarvik': 'right'}}], indirect=True)
 def test_broker_with_password_file_refuses_wrong_password(world):
     world.mqtt(username='tarvik', password='right')

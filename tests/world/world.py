@@ -405,6 +405,10 @@ class MockService:
         self.proc = None
 
     def start(self):
+        self.launch()
+        self.wait_ready()
+
+    def launch(self):
         cmd = [PYTHON, '-m', 'dbusmock', '--system', '-l', self.log_file, '--template', self.template]
         if self.parameters:
             cmd += ['--parameters', json.dumps(self.parameters)]
@@ -412,6 +416,8 @@ class MockService:
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
         self.proc = spawn(cmd, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                           stderr=open(self.log_file + '.stderr', 'wb'))
+
+    def wait_ready(self):
         self.bus.wait_for_name(self.name, self.proc, log_file=self.log_file + '.stderr')
         wait_until(self._loaded, 15, f'{self.name} to load its template', interval=0.01)
 
@@ -731,6 +737,19 @@ class Broker:
     @property
     def running(self):
         return self.proc is not None and self.proc.poll() is None
+
+
+class SilentListener:
+    '''A TCP port on 127.0.0.1 that completes the handshake (the kernel does) and never says a word.'''
+
+    def __init__(self):
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.sock.bind(('127.0.0.1', 0))
+        self.sock.listen(64)
+        self.port = self.sock.getsockname()[1]
+
+    def close(self):
+        self.sock.close()
 
 
 # ---------------------------------------------------------------- MQTT test client
@@ -1201,6 +1220,7 @@ class World:
         self.mm = None
         self._tarviks = []
         self._clients = []
+        self._listeners = []
 
     @property
     def bus_address(self):
@@ -1219,8 +1239,10 @@ class World:
                 self.bus, os.path.join(TEMPLATES, 'modemmanager.py'), MM_BUS,
                 os.path.join(self.directory, 'modemmanager.log'),
                 ('/org/freedesktop/ModemManager1', 'org.freedesktop.DBus.ObjectManager', 'GetManagedObjects', []))
-            self.nm_service.start()
-            self.mm_service.start()
+            self.nm_service.launch()
+            self.mm_service.launch()
+            self.nm_service.wait_ready()
+            self.mm_service.wait_ready()
             self.nm = NetworkManager(self.bus)
             self.mm = ModemManager(self.bus)
             self.broker.start()
@@ -1240,6 +1262,12 @@ class World:
         t = Tarvik(self, config=config, **kwargs)
         self._tarviks.append(t)
         return t.start() if start else t
+
+    def silent_listener(self):
+        '''A port that accepts connections and never answers (for the connect watchdog); closed with the world.'''
+        listener = SilentListener()
+        self._listeners.append(listener)
+        return listener
 
     def mqtt(self, subscribe=None, qos=2, **kwargs):
         '''A connected test client (subscribed to the filter when given); disconnected with the world.'''
@@ -1262,6 +1290,8 @@ class World:
                 client.disconnect()
             except Exception:  # noqa: BLE001
                 pass
+        for listener in self._listeners:
+            listener.close()
         self.broker.stop()
         for service in (self.mm_service, self.nm_service):
             if service is not None:
