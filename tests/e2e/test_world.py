@@ -307,6 +307,7 @@ def test_libraries_read_the_demo_world(demo_world):
                    'gateway': '192.168.2.1', 'nameservers': ['192.168.2.1']}
     assert wlan['ipv4'] == expected_ip
     assert wlan['activeConnection']['ipv4'] == expected_ip
+    assert (wlan['dhcp4']['ip_address'], wlan['dhcp4']['routers'], eth['dhcp4']) == ('192.168.2.103', '192.168.2.1', {})
     assert snap['primaryConnection']['connection'] == 'HomeNet' and snap['primaryConnection']['state'] == 2
 
     assert (modem['type'], modem['udi'], modem['modemFound']) == (8, '/org/freedesktop/ModemManager1/Modem/0', True)

@@ -199,6 +199,8 @@ QJsonObject deviceToJson(const NetworkManager::Device::Ptr& device)
                        {"valid", device->isValid()},
                        {"activeConnection", activeToJson(device->activeConnection())},
                        {"ipv4", ipConfigToJson(device->ipV4Config())},
+                       {"dhcp4", device->dhcp4Config() ? variantToJson(device->dhcp4Config()->options())
+                                                       : QJsonValue(QJsonValue::Null)},
                        {"availableConnections", available}};
     if (auto wired = device.objectCast<NetworkManager::WiredDevice>()) {
         object.insert("mac", wired->hardwareAddress());
