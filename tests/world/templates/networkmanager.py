@@ -42,6 +42,7 @@ ACTIVE_IFACE = NM + '.Connection.Active'
 IP4_IFACE = NM + '.IP4Config'
 DHCP4_IFACE = NM + '.DHCP4Config'
 PROPS_IFACE = 'org.freedesktop.DBus.Properties'
+NM_AP_PREFIX = '/org/freedesktop/NetworkManager/AccessPoint/'
 
 # Device types and states as numbered by the daemon.
 TYPE_ETHERNET, TYPE_WIFI, TYPE_MODEM = 1, 2, 8
@@ -530,7 +531,8 @@ def settings_get_connection_by_uuid(self, wanted):
     for path, record in W.connections.items():
         if str(record['settings']['connection'].get('uuid')) == wanted:
             return dbus.ObjectPath(path)
-    raise dbus.exceptions.DBusException('No connection with the UUID was found.', name=SETTINGS_IFACE + '.InvalidConnection')
+    raise dbus.exceptions.DBusException('No connection with the UUID was found.',
+                                        name=SETTINGS_IFACE + '.InvalidConnection')
 
 
 def require_device(device):
@@ -543,7 +545,8 @@ def check_available(settings, device, name):
     iface = device_iface(device)
     if not compatible(settings, device):
         raise dbus.exceptions.DBusException(
-            f"Connection '{name}' is not available on device {iface} because device is incompatible with the connection",
+            f"Connection '{name}' is not available on device {iface} "
+            "because device is incompatible with the connection",
             name=NM + '.UnknownConnection')
     if int(prop(device, DEVICE_IFACE, 'State')) < STATE_DISCONNECTED:
         why = 'device has no carrier' if int(prop(device, DEVICE_IFACE, 'DeviceType')) == TYPE_ETHERNET \
@@ -589,7 +592,7 @@ def complete(settings, device, specific):
     ctype = connection_type(settings)
     if ctype == '802-11-wireless':
         wireless = settings.setdefault('802-11-wireless', dbus.Dictionary({}, signature='sv'))
-        if 'ssid' not in wireless and specific in W_aps():
+        if 'ssid' not in wireless and specific in access_point_paths():
             wireless['ssid'] = prop(specific, AP_IFACE, 'Ssid')
         if 'id' not in con or not con['id']:
             con['id'] = dbus.String(bytes(wireless.get('ssid', b'')).decode('utf-8', 'replace'))
@@ -598,11 +601,9 @@ def complete(settings, device, specific):
         con['id'] = dbus.String(f'{base.get(ctype, "Connection")} {W.next_number("auto-name")}')
 
 
-def W_aps():
+def access_point_paths():
     return {p for p in dbusmock.get_objects() if p.startswith(NM_AP_PREFIX)}
 
-
-NM_AP_PREFIX = '/org/freedesktop/NetworkManager/AccessPoint/'
 
 
 @entry('DeactivateConnection')
@@ -923,7 +924,7 @@ def finish_deactivation(active):
 
 def in_use(path):
     for device in W.devices:
-        if str(prop(device, DEVICE_IFACE, 'Ip4Config')) == path or str(prop(device, DEVICE_IFACE, 'Dhcp4Config')) == path:
+        if path in (str(prop(device, DEVICE_IFACE, 'Ip4Config')), str(prop(device, DEVICE_IFACE, 'Dhcp4Config'))):
             return True
     return False
 
@@ -1173,7 +1174,6 @@ def SetCarrier(self, device, carrier, follow):
     if carrier and state == STATE_UNAVAILABLE:
         change_state(device, STATE_DISCONNECTED, REASON_CARRIER)
     elif not carrier and state > STATE_UNAVAILABLE:
-        active = str(prop(device, DEVICE_IFACE, 'ActiveConnection'))
         W.devices[device]['generation'] += 1
         change_state(device, STATE_UNAVAILABLE, REASON_CARRIER, cleared_device_props(device))
         for ac in [a for a, i in W.active.items() if i['device'] == device]:
