@@ -190,3 +190,5 @@ void IPC::log(Log::Level level, const char* format, ...)
 }
 
 } // namespace Tarvik
+
+#include "moc_ipc.cpp"

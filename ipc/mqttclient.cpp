@@ -441,3 +441,5 @@ int MqttClient::publish(const QString& topic, const QByteArray& payload, int qos
 }
 
 } // namespace Tarvik
+
+#include "moc_mqttclient.cpp"
