@@ -40,6 +40,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 
 namespace {
 
@@ -507,28 +508,35 @@ int main(int argc, char* argv[])
     QStringList args = app.arguments().mid(1);
     const QString command = args.value(0);
     args = args.mid(1);
-    if (command == QLatin1String("snapshot")) {
-        // Bearers of a modem are listed only after the event loop ran once after its creation.
-        for (const ModemManager::ModemDevice::Ptr& modem : ModemManager::modemDevices())
-            modem->modemInterface();
-        QTimer::singleShot(0, &app, []() {
-            print(snapshot());
-            QCoreApplication::quit();
-        });
-        return app.exec();
-    }
     if (command == QLatin1String("watch"))
         return watch(args.value(0, QStringLiteral("10")).toInt(), app);
-    if (command == QLatin1String("activate"))
-        return activate(args);
-    if (command == QLatin1String("add-activate-unknown"))
-        return addActivateUnknown(args);
-    if (command == QLatin1String("update-manual"))
-        return updateManual(args, app);
-    if (command == QLatin1String("scan"))
-        return scan(args);
-    if (command == QLatin1String("secrets-latency"))
-        return secretsLatency(args);
+
+    std::function<int()> run;
+    if (command == QLatin1String("snapshot"))
+        run = []() { print(snapshot()); return 0; };
+    else if (command == QLatin1String("activate"))
+        run = [args]() { return activate(args); };
+    else if (command == QLatin1String("add-activate-unknown"))
+        run = [args]() { return addActivateUnknown(args); };
+    else if (command == QLatin1String("update-manual"))
+        run = [args, &app]() { return updateManual(args, app); };
+    else if (command == QLatin1String("scan"))
+        run = [args]() { return scan(args); };
+    else if (command == QLatin1String("secrets-latency"))
+        run = [args]() { return secretsLatency(args); };
+    if (run) {
+        // Inside the event loop, so that the libraries' deferred deletions run before exit. Bearers of a
+        // modem are listed only after the loop ran once after the modem object was made.
+        for (const ModemManager::ModemDevice::Ptr& modem : ModemManager::modemDevices())
+            modem->modemInterface();
+        int code = 0;
+        QTimer::singleShot(0, &app, [&run, &code]() {
+            code = run();
+            QCoreApplication::quit();
+        });
+        app.exec();
+        return code;
+    }
     std::fprintf(stderr, "usage: nmprobe snapshot|watch SECONDS|activate UUID IFACE [AP]|"
                          "add-activate-unknown IFACE|update-manual UUID ADDRESS PREFIX GATEWAY DNS|scan IFACE|"
                          "secrets-latency UUID SETTING [N]\n");
