@@ -1028,6 +1028,8 @@ class Tarvik:
         self._syslog_wanted = syslog
         self._syslog_cursor = 0
         self.binary = binary or os.environ.get('TARVIK_BINARY') or 'tarvik'
+        if os.sep in self.binary:
+            self.binary = os.path.abspath(self.binary)   # tarvik runs in its own working directory
         self.config_path = config_path or os.path.join(world.directory, 'tarvik.conf')
         self.cwd = cwd or world.directory
         self.tmp_dir = os.path.join(world.directory, 'private-tmp') if private_tmp else None
@@ -1079,6 +1081,8 @@ class Tarvik:
         env.update(self._namespace_env())
         if self.faketime:
             env.setdefault('FAKETIME_DONT_FAKE_MONOTONIC', '1')
+            # libfaketime comes first in LD_PRELOAD, which a sanitizer build refuses unless told.
+            env['ASAN_OPTIONS'] = ':'.join(filter(None, [env.get('ASAN_OPTIONS'), 'verify_asan_link_order=0']))
         env.update(self.extra_env)
         os.makedirs(self.cwd, exist_ok=True)
         self.proc = spawn(self.command_line(), cwd=self.cwd, env=env, stdin=subprocess.DEVNULL,
