@@ -1025,7 +1025,8 @@ class Tarvik:
                  faketime=None, env=None, config_path=None, write_config=True, binary=None, syslog=True):
         self.world = world
         self.syslog = None
-        self._syslog_wanted = syslog
+        # A mount namespace needs root; elsewhere tarvik simply runs with the system's /dev.
+        self._syslog_wanted = syslog and os.geteuid() == 0
         self._syslog_cursor = 0
         self.binary = binary or os.environ.get('TARVIK_BINARY') or 'tarvik'
         if os.sep in self.binary:
