@@ -513,6 +513,10 @@ class NetworkManager:
                 return path
         return None
 
+    def wait_for_connection(self, id, timeout=10):
+        '''The path of the profile named id, once it exists.'''
+        return wait_until(lambda: self.find_connection(id), timeout, f'a profile named {id!r}')
+
     def connection_settings(self, connection):
         '''The stored settings (without secrets), read without appearing in the call log.'''
         return plain(self.mock.PeekSettings(connection))
