@@ -380,6 +380,8 @@ def test_activation_and_changes_reach_the_library_as_signals(demo_world, watch):
     assert probe.next('deviceAdded', device='cdc-wdm1')['modemFound'] is True
     w.nm.remove_device(scene.modem.device)
     probe.next('deviceRemoved', path=scene.modem.device)
+    w.mm.remove_modem(plugged)
+    probe.next('modemRemoved', uni=plugged)
 
 
 def test_failed_and_ended_activations_walk_the_daemons_states(world, watch):
