@@ -395,8 +395,9 @@ class Bus:
 class MockService:
     '''One python-dbusmock process serving a template on the private bus.'''
 
-    def __init__(self, bus, template, name, log_file, ready_call, parameters=None):
+    def __init__(self, bus, template, name, log_file, ready_call, parameters=None, call_log=True):
         self.ready_call = ready_call
+        self.call_log = call_log
         self.bus = bus
         self.template = template
         self.name = name
@@ -409,7 +410,9 @@ class MockService:
         self.wait_ready()
 
     def launch(self):
-        cmd = [PYTHON, '-m', 'dbusmock', '--system', '-l', self.log_file, '--template', self.template]
+        # dbusmock writes a line for every call it serves; long benchmarks can send that to /dev/null.
+        log = self.log_file if self.call_log else os.devnull
+        cmd = [PYTHON, '-m', 'dbusmock', '--system', '-l', log, '--template', self.template]
         if self.parameters:
             cmd += ['--parameters', json.dumps(self.parameters)]
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus.address)
@@ -1213,7 +1216,7 @@ class World:
     '''Bus, NetworkManager, ModemManager and broker for one test (or module, or demo run).'''
 
     def __init__(self, directory=None, broker_users=None, broker_port=None, nm_parameters=None,
-                 base=DEFAULT_BASE, keep=None):
+                 base=DEFAULT_BASE, keep=None, service_logs=True):
         self._own_directory = directory is None
         self.directory = directory or tempfile.mkdtemp(prefix='tarvik-world-', dir=world_parent_directory())
         os.makedirs(self.directory, exist_ok=True)
@@ -1223,6 +1226,7 @@ class World:
         self.bus = Bus(self.directory)
         self.broker = Broker(self.directory, broker_port, broker_users)
         self.nm_parameters = nm_parameters or {}
+        self.service_logs = service_logs
         self.nm_service = None
         self.mm_service = None
         self.nm = None
@@ -1243,11 +1247,12 @@ class World:
                 self.bus, os.path.join(TEMPLATES, 'networkmanager.py'), NM_BUS,
                 os.path.join(self.directory, 'networkmanager.log'),
                 ('/org/freedesktop/NetworkManager', 'org.freedesktop.DBus.Properties', 'Get',
-                 ['org.freedesktop.NetworkManager', 'Version']), self.nm_parameters)
+                 ['org.freedesktop.NetworkManager', 'Version']), self.nm_parameters, self.service_logs)
             self.mm_service = MockService(
                 self.bus, os.path.join(TEMPLATES, 'modemmanager.py'), MM_BUS,
                 os.path.join(self.directory, 'modemmanager.log'),
-                ('/org/freedesktop/ModemManager1', 'org.freedesktop.DBus.ObjectManager', 'GetManagedObjects', []))
+                ('/org/freedesktop/ModemManager1', 'org.freedesktop.DBus.ObjectManager', 'GetManagedObjects', []),
+                None, self.service_logs)
             self.nm_service.launch()
             self.mm_service.launch()
             self.nm_service.wait_ready()
