@@ -183,8 +183,13 @@ def remove_object(path):
 
 # ---------------------------------------------------------------- call log and refusals
 
+CALL_LOG_LIMIT = 100000   # a benchmark makes many calls; keep the memory of the service bounded
+
+
 def record_call(path, method, args):
     W.calls.append({'time': time.time(), 'path': str(path), 'method': method, 'args': plain(list(args))})
+    if len(W.calls) > CALL_LOG_LIMIT:
+        del W.calls[:len(W.calls) // 2]
 
 
 def check_refusal(method, path):
