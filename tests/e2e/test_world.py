@@ -450,6 +450,21 @@ def test_library_calls_reach_the_simulation(demo_world):
     assert w.nm.connection_settings(scene.ethernet.connection)['ipv4']['address-data'] == [
         {'address': '192.168.5.5', 'prefix': 24}]
 
+    wifi = run_probe(w, 'provision-wifi', 'wlan0', 'Office', scene.wifi.aps['Office'], 'office-key')
+    assert wifi['valid'] is True
+    w.nm.wait_device_state(scene.wifi.device, 100)
+    assert w.nm.get(scene.wifi.device, NM + '.Device.Wireless', 'ActiveAccessPoint') == scene.wifi.aps['Office']
+    stored = w.nm.connection_settings(wifi['connection'])
+    assert (stored['802-11-wireless']['ssid'], stored['802-11-wireless-security']) == (b'Office', {'key-mgmt': 'wpa-psk'})
+    assert w.nm.connection_secrets(wifi['connection']) == {'802-11-wireless-security': {'psk': 'office-key'}}
+    gsm = run_probe(w, 'provision-gsm', 'cdc-wdm0', 'Broadband', 'internet.example', 'user', 'pw', '1234')
+    assert gsm['valid'] is True
+    w.nm.wait_device_state(scene.modem.device, 100)
+    assert w.nm.get(scene.modem.device, NM + '.Device', 'IpInterface') == 'wwan0'
+    assert w.nm.connection_settings(gsm['connection'])['gsm'] == {
+        'apn': 'internet.example', 'number': '*99#', 'username': 'user', 'password-flags': 0, 'pin-flags': 0}
+    assert w.nm.get_secrets(gsm['connection'], 'gsm')['gsm'] == {'password': 'pw', 'pin': '1234'}
+
     w.nm.refuse('RequestScan', NM + '.Device.NotAllowed', 'Scanning not allowed immediately following previous scan')
     assert run_probe(w, 'scan', 'wlan0') == {
         'valid': False, 'error': NM + '.Device.NotAllowed',

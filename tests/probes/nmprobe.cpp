@@ -8,6 +8,8 @@
 //   nmprobe add-activate-unknown IFACE    waited addAndActivateConnection of an Unknown-type profile
 //   nmprobe update-manual UUID ADDRESS PREFIX GATEWAY DNS
 //                                         waited update with a manual IPv4 setting, then the settings read back
+//   nmprobe provision-wifi IFACE SSID AP [PSK]                 waited addAndActivateConnection of a Wi-Fi profile
+//   nmprobe provision-gsm IFACE ID APN USER PASSWORD PIN       the same for a GSM profile
 //   nmprobe scan IFACE                    waited requestScan
 //   nmprobe secrets-latency UUID SETTING [N]  p50 and p99 of N waited secrets calls
 
@@ -439,6 +441,63 @@ int addActivateUnknown(const QStringList& args)
     return 0;
 }
 
+// Creates and activates a profile the way a provisioning service builds one with the library.
+int addActivate(const NetworkManager::ConnectionSettings::Ptr& settings, const QString& iface, const QString& ap)
+{
+    auto device = deviceNamed(iface);
+    if (!device)
+        return 2;
+    settings->setUuid(NetworkManager::ConnectionSettings::createNewUuid());
+    settings->setAutoconnect(true);
+    QDBusPendingReply<QDBusObjectPath, QDBusObjectPath> reply =
+        NetworkManager::addAndActivateConnection(settings->toMap(), device->uni(), ap);
+    reply.waitForFinished();
+    QJsonObject result = replyToJson(reply);
+    if (reply.isValid()) {
+        result.insert("connection", reply.argumentAt<0>().path());
+        result.insert("active", reply.argumentAt<1>().path());
+    }
+    result.insert("sent", mapMapToJson(settings->toMap()));
+    print(result);
+    return 0;
+}
+
+int provisionWifi(const QStringList& args)
+{
+    NetworkManager::ConnectionSettings::Ptr settings(
+        new NetworkManager::ConnectionSettings(NetworkManager::ConnectionSettings::Wireless));
+    settings->setId(args.value(1));
+    auto wireless = settings->setting(NetworkManager::Setting::Wireless).dynamicCast<NetworkManager::WirelessSetting>();
+    wireless->setSsid(args.value(1).toUtf8());
+    if (!args.value(3).isEmpty()) {
+        auto security = settings->setting(NetworkManager::Setting::WirelessSecurity)
+                            .dynamicCast<NetworkManager::WirelessSecuritySetting>();
+        security->setKeyMgmt(NetworkManager::WirelessSecuritySetting::WpaPsk);
+        security->setPsk(args.value(3));
+        security->setInitialized(true);
+        wireless->setSecurity(QStringLiteral("802-11-wireless-security"));
+    }
+    wireless->setInitialized(true);
+    return addActivate(settings, args.value(0), args.value(2));
+}
+
+int provisionGsm(const QStringList& args)
+{
+    NetworkManager::ConnectionSettings::Ptr settings(
+        new NetworkManager::ConnectionSettings(NetworkManager::ConnectionSettings::Gsm));
+    settings->setId(args.value(1));
+    auto gsm = settings->setting(NetworkManager::Setting::Gsm).dynamicCast<NetworkManager::GsmSetting>();
+    gsm->setApn(args.value(2));
+    gsm->setUsername(args.value(3));
+    gsm->setPassword(args.value(4));
+    gsm->setPin(args.value(5));
+    gsm->setNumber(QStringLiteral("*99#"));
+    gsm->setPasswordFlags(NetworkManager::Setting::None);
+    gsm->setPinFlags(NetworkManager::Setting::None);
+    gsm->setInitialized(true);
+    return addActivate(settings, args.value(0), QString());
+}
+
 int updateManual(const QStringList& args, QCoreApplication& app)
 {
     auto connection = NetworkManager::findConnectionByUuid(args.value(0));
@@ -520,6 +579,10 @@ int main(int argc, char* argv[])
         run = [args]() { return addActivateUnknown(args); };
     else if (command == QLatin1String("update-manual"))
         run = [args, &app]() { return updateManual(args, app); };
+    else if (command == QLatin1String("provision-wifi"))
+        run = [args]() { return provisionWifi(args); };
+    else if (command == QLatin1String("provision-gsm"))
+        run = [args]() { return provisionGsm(args); };
     else if (command == QLatin1String("scan"))
         run = [args]() { return scan(args); };
     else if (command == QLatin1String("secrets-latency"))
@@ -539,6 +602,7 @@ int main(int argc, char* argv[])
     }
     std::fprintf(stderr, "usage: nmprobe snapshot|watch SECONDS|activate UUID IFACE [AP]|"
                          "add-activate-unknown IFACE|update-manual UUID ADDRESS PREFIX GATEWAY DNS|scan IFACE|"
+                         "provision-wifi IFACE SSID AP [PSK]|provision-gsm IFACE ID APN USER PASSWORD PIN|"
                          "secrets-latency UUID SETTING [N]\n");
     return 2;
 }
