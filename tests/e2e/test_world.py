@@ -373,6 +373,8 @@ def test_activation_and_changes_reach_the_library_as_signals(demo_world, watch):
     probe.next('primaryConnectionChanged')
     w.nm.set_managed(scene.wifi.device, False)
     probe.next('managedChanged', device='wlan0', managed=False)
+    w.nm.set_interface_name(scene.ethernet.device, 'eth9')
+    probe.next('interfaceNameChanged', device='eth9')
 
     plugged = w.mm.add_modem('cdma')
     assert probe.next('modemAdded', uni=plugged)['modem']['cdma']['esn'] == '80D5D26C'
