@@ -186,6 +186,16 @@ def test_process_helper_reads_log_lines_private_tmp_and_fake_time(world):
     assert group_members(pid) == []
 
 
+def test_process_helper_controls_interface_counters(world):
+    stats = '/sys/class/net/wwan0/statistics'
+    script = (f'cat {stats}/rx_bytes >&2; while [ "$(cat {stats}/tx_bytes)" = 2000 ]; do sleep 0.01; done; '
+              f'cat {stats}/tx_bytes >&2')
+    t = world.tarvik(binary='/bin/sh', args=['-c', script], net_counters={'wwan0': (1000, 2000)})
+    assert t.wait_for_log(r'^1000$', timeout=5)
+    t.set_counters('wwan0', 1500, 4096)
+    assert t.wait_for_log(r'^4096$', timeout=5)
+
+
 def test_process_helper_captures_syslog_in_a_private_dev(world):
     script = ('import syslog, os\n'
               'syslog.openlog("tarvik", syslog.LOG_PID, syslog.LOG_LOCAL1)\n'

@@ -11,10 +11,12 @@ from processes import forget, kill_group, spawn
 
 CONFIG_GROUPS = ('Mqtt', 'Ethernet', 'Wifi', 'Modem')
 
-# Runs the command in a private mount namespace: $TARVIK_TMP (when set) bound on /tmp; with
+# Runs the command in a private mount namespace: $TARVIK_TMP (when set) bound on /tmp, $TARVIK_NET on
+# /sys/class/net (interface counters the test controls); with
 # $TARVIK_SYSLOG set, a small /dev of the usual nodes whose /dev/log is the test's datagram socket.
 NAMESPACE_SCRIPT = r'''set -e
 if [ -n "$TARVIK_TMP" ]; then mount --bind "$TARVIK_TMP" /tmp; fi
+if [ -n "$TARVIK_NET" ]; then mount --bind "$TARVIK_NET" /sys/class/net; fi
 if [ -n "$TARVIK_SYSLOG" ]; then
   dev="$TARVIK_DEV"
   mount -t tmpfs -o mode=0755,size=64k tarvik-dev "$dev"
@@ -29,7 +31,7 @@ if [ -n "$TARVIK_SYSLOG" ]; then
   touch "$dev/log"; mount --bind "$TARVIK_SYSLOG" "$dev/log"
   mount --move "$dev" /dev
 fi
-unset TARVIK_TMP TARVIK_SYSLOG TARVIK_DEV
+unset TARVIK_TMP TARVIK_NET TARVIK_SYSLOG TARVIK_DEV
 exec "$@"
 '''
 
@@ -124,7 +126,8 @@ class Tarvik:
     '''The tarvik process: INI file, environment, stderr collected line by line in a thread.'''
 
     def __init__(self, world, config=None, args=None, extra_args=(), cwd=None, private_tmp=False,
-                 faketime=None, env=None, config_path=None, write_config=True, binary=None, syslog=True):
+                 faketime=None, env=None, config_path=None, write_config=True, binary=None, syslog=True,
+                 net_counters=None):
         self.world = world
         self.syslog = None
         # A mount namespace needs root; elsewhere tarvik simply runs with the system's /dev.
@@ -136,6 +139,11 @@ class Tarvik:
         self.config_path = config_path or os.path.join(world.directory, 'tarvik.conf')
         self.cwd = cwd or world.directory
         self.tmp_dir = os.path.join(world.directory, 'private-tmp') if private_tmp else None
+        self.net_dir = None
+        if net_counters is not None:
+            self.net_dir = os.path.join(world.directory, 'sys-class-net')
+            for iface, (rx, tx) in net_counters.items():
+                self.set_counters(iface, rx, tx)
         self.faketime = faketime
         self.extra_env = env or {}
         self.proc = None
@@ -161,7 +169,7 @@ class Tarvik:
         cmd = [self.binary] + self.args
         if self.faketime:
             cmd = ['faketime', '-f', self.faketime] + cmd
-        if self.tmp_dir or self._syslog_wanted:
+        if self.tmp_dir or self.net_dir or self._syslog_wanted:
             cmd = ['unshare', '--mount', '--propagation', 'private', 'sh', '-c', NAMESPACE_SCRIPT, 'tarvik-ns'] + cmd
         return cmd
 
@@ -170,6 +178,8 @@ class Tarvik:
         if self.tmp_dir:
             os.makedirs(self.tmp_dir, exist_ok=True)
             env['TARVIK_TMP'] = self.tmp_dir
+        if self.net_dir:
+            env['TARVIK_NET'] = self.net_dir
         if self._syslog_wanted:
             index = len(self.world._tarviks)
             self.syslog = SyslogSink(os.path.join(self.world.directory, f'syslog-{index}.sock'))
@@ -265,6 +275,18 @@ class Tarvik:
         regex = re.compile(pattern)
         with self._cond:
             return [line for line in self.log_lines if regex.search(line)]
+
+    def set_counters(self, iface, rx_bytes, tx_bytes):
+        '''What tarvik reads from /sys/class/net/<iface>/statistics/{rx,tx}_bytes (net_counters only).'''
+        if self.net_dir is None:
+            raise RuntimeError('tarvik runs without net_counters')
+        directory = os.path.join(self.net_dir, iface, 'statistics')
+        os.makedirs(directory, exist_ok=True)
+        for name, value in (('rx_bytes', rx_bytes), ('tx_bytes', tx_bytes)):
+            temporary = os.path.join(directory, f'.{name}.new')
+            with open(temporary, 'w') as f:
+                f.write(f'{int(value)}\n')
+            os.replace(temporary, os.path.join(directory, name))   # a reader never sees half a number
 
     def tmp_file(self, name):
         '''Path of a file that tarvik sees as /tmp/<name> (private_tmp only).'''
