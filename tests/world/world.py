@@ -177,6 +177,8 @@ def main():
     parser.add_argument('--config-out', help='write a tarvik configuration for this world to the file')
     parser.add_argument('--dir', help='directory for sockets and logs (default: a new one under /var/tmp)')
     parser.add_argument('--port', type=int, help='broker port (default: a free one)')
+    parser.add_argument('--animate', type=float, nargs='?', const=10.0, metavar='SECONDS',
+                        help='change the world every SECONDS (default 10) as the scenario describes')
     options = parser.parse_args()
 
     stop = threading.Event()
@@ -185,15 +187,19 @@ def main():
     world = World(directory=options.dir, broker_port=options.port)
     try:
         world.start()
-        scenarios.SCENARIOS[options.scenario](world)
+        built = scenarios.SCENARIOS[options.scenario](world)
+        changes = scenarios.CHANGES.get(options.scenario) if options.animate else None
+        steps = changes(world, built) if changes else None
         if options.config_out:
             with open(options.config_out, 'w') as f:
                 f.write(config_text({**world.tarvik_config(), **scenarios.CONFIGS.get(options.scenario, {})}))
         print(f'DBUS_SYSTEM_BUS_ADDRESS={world.bus_address}', flush=True)
         print(f'MQTT_PORT={world.broker.port}', flush=True)
         print(f'WORLD_DIR={world.directory}', flush=True)
-        while not stop.wait(0.5):
-            pass
+        period = options.animate or 0.5
+        while not stop.wait(period):
+            if steps:
+                next(steps)
     finally:
         world.stop()
 
