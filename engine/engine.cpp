@@ -5,6 +5,7 @@
 #include <NetworkManagerQt/WirelessDevice>
 
 #include <cstdarg>
+#include <limits>
 
 namespace Tarvik {
 
@@ -52,7 +53,9 @@ Engine::Engine(const QString& configPath, QObject* parent)
     const int usageSec = m_config->modem().usageSec;
     if (usageSec != 0) {
         connect(&m_statsTimer, &QTimer::timeout, this, &Engine::updateModemStats);
-        m_statsTimer.setInterval(usageSec * 1000);
+        // Computed wide so that an absurd period in the file cannot overflow.
+        const qint64 interval = qint64(usageSec) * 1000;
+        m_statsTimer.setInterval(int(qBound<qint64>(0, interval, std::numeric_limits<int>::max())));
     }
 
     pruneModemStats();
