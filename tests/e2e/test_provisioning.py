@@ -9,7 +9,7 @@ import re
 
 import scenarios
 from engineflow import addresses, dns, start, sync
-from world import ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
+from world import ethernet_profile, ipv4_setting
 
 STATIC_ETHERNET = {"method": "manual", "address": "192.168.1.20", "mask": "255.255.255.0",
                    "gateway": "192.168.1.254", "dns0": "", "dns1": "9.9.9.9"}
