@@ -9,8 +9,9 @@ from processes import free_port, kill_group, spawn, wait_until
 class Broker:
     '''mosquitto on 127.0.0.1, on a port chosen per run; stop() and start() keep the port.'''
 
-    def __init__(self, directory, port=None, users=None):
+    def __init__(self, directory, port=None, users=None, extra_config=()):
         self.directory = directory
+        self.extra_config = list(extra_config)
         self.port = port or free_port()
         self.users = users or {}
         self.proc = None
@@ -33,6 +34,7 @@ class Broker:
             lines += ['allow_anonymous false', f'password_file {self.password_file}']
         else:
             lines.append('allow_anonymous true')
+        lines += self.extra_config
         with open(self.config_file, 'w') as f:
             f.write('\n'.join(lines) + '\n')
         os.chmod(self.config_file, 0o644)
