@@ -36,7 +36,8 @@ public:
     bool start(quint16 port, const QString& topic)
     {
         m_process.setProcessChannelMode(QProcess::MergedChannels);
-        m_process.start("mosquitto_sub", {"-h", "127.0.0.1", "-p", QString::number(port), "--nodelay",
+        // Line-buffered, or the acknowledgement line would sit in stdio's buffer.
+        m_process.start("stdbuf", {"-oL", "mosquitto_sub", "-h", "127.0.0.1", "-p", QString::number(port), "--nodelay",
                                           "-q", "2", "-t", topic, "-d", "-F", "MSG %r %q %x"});
         return waitForLine("Subscribed", 10000).startsWith("Subscribed");
     }
