@@ -42,10 +42,19 @@ QJsonObject simObject(const ModemManager::Sim::Ptr& sim)
     return object;
 }
 
-// A modem reports one network identity: 3GPP, else USSD only, else CDMA.
-void insertNetworkIdentity(QJsonObject& document, const ModemManager::ModemDevice::Ptr& device)
+// The library calls a modem GSM only when it offers the 3GPP interface; one
+// with GSM capabilities that offers nothing but USSD is a GSM modem all the same.
+bool isGsmModem(const ModemManager::ModemDevice::Ptr& device, const ModemManager::Modem::Ptr& modem)
 {
-    if (device->isGsmModem()) {
+    const int gsmCapabilities = MM_MODEM_CAPABILITY_GSM_UMTS | MM_MODEM_CAPABILITY_LTE | MM_MODEM_CAPABILITY_5GNR;
+    return device->isGsmModem() || (modem && (int(modem->currentCapabilities()) & gsmCapabilities));
+}
+
+// A modem reports one network identity: 3GPP, else USSD only, else CDMA.
+void insertNetworkIdentity(QJsonObject& document, const ModemManager::ModemDevice::Ptr& device,
+                           const ModemManager::Modem::Ptr& modem)
+{
+    if (isGsmModem(device, modem)) {
         const auto gsm = device->interface(ModemManager::ModemDevice::GsmInterface).objectCast<ModemManager::Modem3gpp>();
         if (gsm) {
             QJsonObject object;
@@ -76,11 +85,12 @@ void insertModemManagerMembers(QJsonObject& document, const ModemManager::ModemD
         document.insert("device", hardwareObject(modem));
         document.insert("signal", int(modem->signalQuality().signal));
     }
+    // Without a SIM the library still hands out an object, for the path "/".
     const ModemManager::Sim::Ptr sim = device->sim();
-    if (sim) {
+    if (sim && !sim->uni().isEmpty() && sim->uni() != QLatin1String("/")) {
         document.insert("sim", simObject(sim));
     }
-    insertNetworkIdentity(document, device);
+    insertNetworkIdentity(document, device, modem);
 }
 
 // The profile's GSM members. The password and the PIN are secrets that the
