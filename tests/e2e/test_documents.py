@@ -7,6 +7,7 @@ import json
 import os
 import time
 
+import dbus
 import pytest
 
 import scenarios
@@ -287,6 +288,22 @@ def test_modem_signal_follows_modem_manager(connected):
     connected.client.clear()
     connected.world.mm.set_signal(connected.modem, 80)
     expect_event(connected, "modem/signal", {"interface": "cdc-wdm0", "quality": 80})
+
+
+def test_status_of_a_primary_connection_whose_device_is_gone(scene_factory):
+    scene = scene_factory()
+    w = scene.world
+    eth = scenarios.ethernet(w, mac=ETH_MAC, active=True)
+    scene.start({}, ["ethernet/config"])
+    # An address-less configuration encodes as its gateway alone.
+    w.nm.set_ip4_config(eth.device, "", 0, "", dns=[])
+    w.nm.set_properties(w.nm.active_connection(eth.device), "org.freedesktop.NetworkManager.Connection.Active",
+                        {"Devices": dbus.Array([], signature="o")})
+    w.nm.set_status(70, connectivity=4)
+    ask(scene, "status/get", "status", {
+        "hostname": "tarvik-test", "state": 7, "stateStr": "Connected", "connectivity": 4, "connectivityStr": "Full",
+        "primaryConnection": {"connectionName": "Ethernet", "interface": None, "type": None, "typeStr": None,
+                              "state": None, "stateStr": None, "ipv4": {"gateway": ""}}})
 
 
 # ---------------------------------------------------------------------------
