@@ -115,6 +115,17 @@ def state_members(interface, device_type, type_text, state, state_text, reason=0
             "stateStr": state_text, "reason": reason, "reasonStr": reason_text}
 
 
+def forget_loaded_secrets(world, *connections):
+    """Announces the profiles as changed: tarvik's library drops the settings it
+    holds for them (with the secrets that provisioning loaded) and reads them
+    again, without secrets, so a document must ask for the secrets itself."""
+    world.nm.clear_calls()
+    for connection in connections:
+        world.nm.mock.EmitOn(connection, "org.freedesktop.NetworkManager.Settings.Connection", "Updated",
+                             dbus.Array([], signature="v"))
+    world.nm.wait_for_call("GetSettings", count=len(connections))
+
+
 class Scene:
     """A simulated world with tarvik running against it and a client on everything it publishes."""
 
@@ -204,6 +215,7 @@ def connected(scene_factory):
     w.nm.set_ip4_config(wlan, "192.168.2.20", 24, "192.168.2.1", dns=["192.168.2.1"])
     w.nm.set_ip4_config(gsm.device, "10.64.3.2", 30, "10.64.3.1", dns=["10.64.0.53", "10.64.0.54"])
     w.nm.set_status(70, connectivity=4)
+    forget_loaded_secrets(w, home, gsm.connection)
     scene.wlan, scene.modem = wlan, gsm.modem
     return scene
 
