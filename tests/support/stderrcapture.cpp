@@ -1,5 +1,7 @@
 #include "stderrcapture.h"
 
+#include <QFile>
+
 #include <cstdio>
 #include <unistd.h>
 
@@ -15,6 +17,12 @@ StderrCapture::StderrCapture()
 StderrCapture::~StderrCapture()
 {
     finish();
+}
+
+QByteArray StderrCapture::text() const
+{
+    QFile file(m_file.fileName());
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 QByteArray StderrCapture::finish()

@@ -11,6 +11,9 @@ public:
     StderrCapture();
     ~StderrCapture();
 
+    // Everything written so far; capturing goes on.
+    QByteArray text() const;
+
     // Restores standard error and returns everything written meanwhile.
     QByteArray finish();
 

@@ -1,0 +1,194 @@
+#include "ipc/ipc.h"
+
+#include "vocabulary/valuenames.h"
+
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QTimer>
+
+#include <cstdarg>
+
+namespace Tarvik {
+
+namespace {
+constexpr int KeepAliveSeconds = 60;
+constexpr int ConnectTimeoutMs = 10000;
+constexpr int ReconnectDelayMs = 3000;
+} // namespace
+
+// IPC declares its own connect() and disconnect() slots, which hide QObject's
+// static functions of the same names: signal connections here are always
+// spelled QObject::connect / QObject::disconnect.
+
+IPC::IPC(Config* config, QObject* parent)
+    : QObject(parent)
+    , m_config(config)
+    , m_client(new MqttClient(this))
+{
+    qRegisterMetaType<Tarvik::MqttClient::ClientState>();
+    qRegisterMetaType<Tarvik::MqttClient::ClientError>();
+}
+
+IPC::~IPC() = default;
+
+void IPC::setLogEnable(bool enable)
+{
+    m_logEnabled = enable;
+}
+
+QString IPC::topicBase() const
+{
+    return m_config->mqtt().base;
+}
+
+void IPC::connect()
+{
+    const Config::Mqtt& mqtt = m_config->mqtt();
+
+    // connect() may run from inside a signal of the client it replaces, so the
+    // old objects are released through the event loop; they must not reach
+    // this object any more in the meantime.
+    MqttClient* oldClient = m_client;
+    m_client = new MqttClient(this);
+    if (oldClient) {
+        QObject::disconnect(oldClient, nullptr, this, nullptr);
+        oldClient->deleteLater();
+    }
+    m_client->setHostname(mqtt.url);
+    m_client->setPort(mqtt.port);
+    m_client->setUsername(mqtt.user);
+    m_client->setPassword(mqtt.pass);
+    m_client->setKeepAlive(KeepAliveSeconds);
+    QObject::connect(m_client, &MqttClient::stateChanged, this, &IPC::onMqttStateChanged);
+    QObject::connect(m_client, &MqttClient::messageReceived, this, &IPC::onMqttMessage);
+    QObject::connect(m_client, &MqttClient::errorChanged, this, &IPC::onMqttErrorChanged);
+
+    QTimer* oldTimer = m_connectTimer;
+    m_connectTimer = new QTimer(this);
+    m_connectTimer->setTimerType(Qt::PreciseTimer);
+    if (oldTimer) {
+        oldTimer->stop();
+        QObject::disconnect(oldTimer, nullptr, this, nullptr);
+        oldTimer->deleteLater();
+    }
+    QObject::connect(m_connectTimer, &QTimer::timeout, this, &IPC::onConnectTimeout);
+
+    m_client->connectToHost();
+}
+
+void IPC::disconnect()
+{
+    log(Log::Info, "Disconnecting from broker.");
+    m_client->disconnectFromHost();
+}
+
+void IPC::onConnectTimeout()
+{
+    log(Log::Error, "MQTT broker not available.");
+    m_client->closeTransport();
+}
+
+void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
+{
+    switch (state) {
+    case MqttClient::Connecting:
+        log(Log::Info, "Connecting to %s:%u", m_client->hostname().toLocal8Bit().constData(),
+            static_cast<unsigned>(m_client->port()));
+        m_connectTimer->start(ConnectTimeoutMs);
+        break;
+    case MqttClient::Connected:
+        m_connectTimer->stop();
+        log(Log::Info, "Connected.");
+        subscribe("+/get");
+        subscribe("+/+/get");
+        subscribe("+/+/set");
+        emit connected(m_client->hostname());
+        break;
+    case MqttClient::Disconnected:
+        log(Log::Info, "Disconnected.");
+        emit disconnected();
+        // Retried for as long as the service runs, whatever ended the session.
+        QTimer::singleShot(ReconnectDelayMs, Qt::PreciseTimer, this, &IPC::connect);
+        break;
+    }
+}
+
+void IPC::onMqttErrorChanged(Tarvik::MqttClient::ClientError err)
+{
+    log(Log::Error, "ERROR: %s (%d).", mqttErrorToString(err).toLocal8Bit().constData(), static_cast<int>(err));
+}
+
+void IPC::onMqttMessage(const QByteArray& message, const QString& topic)
+{
+    log(Log::Info, "Message Received [%s]", topic.toLatin1().constData());
+
+    QString command = topic;
+    command.remove(topicBase() + "/");
+    log(Log::Debug, "Command : %s", command.toLocal8Bit().constData());
+    log(Log::Debug, "Data    : %s", message.constData());
+
+    QJsonDocument document;
+    if (!message.isEmpty()) {
+        QJsonParseError parseError;
+        document = QJsonDocument::fromJson(message, &parseError);
+        if (parseError.error != QJsonParseError::NoError) {
+            const QString reason = parseError.errorString();
+            log(Log::Error, "Json parse error: %s", reason.toLocal8Bit().constData());
+            publishError(command, "Json parse error: " + reason);
+            return;
+        }
+    }
+    emit commandReceived(command, document.object());
+}
+
+void IPC::subscribe(const QString& filter)
+{
+    const QString fullFilter = topicBase() + "/" + filter;
+    log(Log::Info, "Subscribing to topic [%s].", fullFilter.toLocal8Bit().constData());
+    m_client->subscribe(fullFilter, 0);
+}
+
+void IPC::unsubscribe(const QString& filter)
+{
+    const QString fullFilter = topicBase() + "/" + filter;
+    log(Log::Info, "Unsubscribing from topic [%s].", fullFilter.toLocal8Bit().constData());
+    m_client->unsubscribe(fullFilter);
+}
+
+void IPC::publish(const QString& topic, const QByteArray& data, int qos, bool retain)
+{
+    const QString fullTopic = topicBase() + "/" + topic;
+    log(Log::Debug, "Publishing Message");
+    log(Log::Debug, "Topic: [%s]", fullTopic.toLocal8Bit().constData());
+    log(Log::Debug, "QoS  : %d", qos);
+    log(Log::Debug, "Retn : %s", retain ? "true" : "false");
+    log(Log::Debug, "Data : [%s]", data.constData());
+    // Nothing is queued here: while the session is down the message is lost.
+    m_client->publish(fullTopic, data, qos, retain);
+}
+
+void IPC::publishDocument(const QString& topic, const QJsonObject& document, int qos, bool retain)
+{
+    publish(topic, QJsonDocument(document).toJson(), qos, retain);
+}
+
+void IPC::publishError(const QString& command, const QString& error)
+{
+    const QJsonObject document{{"command", command}, {"error", error}};
+    publishDocument("error", document, 0, false);
+}
+
+void IPC::log(Log::Level level, const char* format, ...)
+{
+    if (!m_logEnabled)
+        return;
+    const QByteArray taggedFormat = (QStringLiteral("[IPC] ") + QString::fromUtf8(format)).toLatin1();
+    va_list args;
+    va_start(args, format);
+    Log::vprint(level, taggedFormat.constData(), args);
+    va_end(args);
+}
+
+} // namespace Tarvik
+
+#include "moc_ipc.cpp"

@@ -1,0 +1,445 @@
+#include "ipc/mqttclient.h"
+
+#include <mosquitto.h>
+
+#include <QMetaObject>
+#include <QPointer>
+#include <QSocketNotifier>
+#include <QTimer>
+#include <QVector>
+
+#include <mutex>
+
+namespace Tarvik {
+
+namespace {
+
+void initLibrary()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { mosquitto_lib_init(); });
+}
+
+MqttClient::ClientError errorFromConnack(int code)
+{
+    if (code >= MqttClient::InvalidProtocolVersion && code <= MqttClient::NotAuthorized)
+        return static_cast<MqttClient::ClientError>(code);
+    return MqttClient::ProtocolViolation;
+}
+
+MqttClient::ClientError errorFromLibrary(int rc)
+{
+    switch (rc) {
+    case MOSQ_ERR_NO_CONN:
+    case MOSQ_ERR_CONN_LOST:
+    case MOSQ_ERR_KEEPALIVE:
+    case MOSQ_ERR_ERRNO:
+    case MOSQ_ERR_EAI:
+    case MOSQ_ERR_LOOKUP:
+        return MqttClient::TransportInvalid;
+    case MOSQ_ERR_PROTOCOL:
+    case MOSQ_ERR_MALFORMED_PACKET:
+    case MOSQ_ERR_MALFORMED_UTF8:
+    case MOSQ_ERR_DUPLICATE_PROPERTY:
+    case MOSQ_ERR_OVERSIZE_PACKET:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+        return MqttClient::ProtocolViolation;
+    default:
+        return MqttClient::UnknownError;
+    }
+}
+
+} // namespace
+
+// libmosquitto's callbacks only record what happened; the signals are emitted
+// once the library call has returned, so that slots may call back into the
+// client (publish, connect again, close) without re-entering the library.
+struct MqttClient::Private {
+    struct Event {
+        enum Kind { State, Error, Message } kind;
+        int value = 0;
+        QByteArray payload;
+        QString topic;
+    };
+
+    explicit Private(MqttClient* client) : q(client) {}
+
+    MqttClient* q;
+    mosquitto* mosq = nullptr;
+    QSocketNotifier* readNotifier = nullptr;
+    QSocketNotifier* writeNotifier = nullptr;
+    int notifiedSocket = -1;
+    QTimer* miscTimer = nullptr;
+
+    QString hostname;
+    quint16 port = 1883;
+    QString username;
+    QString password;
+    int keepAlive = 60;
+
+    ClientState state = Disconnected;
+    ClientError error = NoError;
+    bool refusedByBroker = false;
+
+    QVector<Event> events;
+    bool flushing = false;
+
+    bool ensureHandle();
+    void destroyHandle();
+    void applyCredentials();
+
+    void afterLibraryCall();
+    void syncNotifiers();
+    void dropNotifiers();
+    void onReadable();
+    void onWritable();
+    void onHousekeeping();
+
+    void queueState(ClientState s) { events.append({Event::State, s, {}, {}}); }
+    void queueError(ClientError e) { events.append({Event::Error, e, {}, {}}); }
+    void flush();
+
+    static void onConnect(mosquitto*, void* obj, int rc);
+    static void onDisconnect(mosquitto*, void* obj, int rc);
+    static void onMessage(mosquitto*, void* obj, const mosquitto_message* message);
+};
+
+bool MqttClient::Private::ensureHandle()
+{
+    if (mosq)
+        return true;
+    initLibrary();
+    mosq = mosquitto_new(nullptr, true, this);
+    if (!mosq)
+        return false;
+    mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_connect_callback_set(mosq, &Private::onConnect);
+    mosquitto_disconnect_callback_set(mosq, &Private::onDisconnect);
+    mosquitto_message_callback_set(mosq, &Private::onMessage);
+    return true;
+}
+
+void MqttClient::Private::destroyHandle()
+{
+    dropNotifiers();
+    miscTimer->stop();
+    if (!mosq)
+        return;
+    // Destroying the handle closes its socket; nothing may reach us afterwards.
+    mosquitto_user_data_set(mosq, nullptr);
+    mosquitto_destroy(mosq);
+    mosq = nullptr;
+}
+
+void MqttClient::Private::applyCredentials()
+{
+    const QByteArray user = username.toUtf8();
+    const QByteArray pass = password.toUtf8();
+    if (user.isEmpty())
+        mosquitto_username_pw_set(mosq, nullptr, nullptr);
+    else
+        mosquitto_username_pw_set(mosq, user.constData(), pass.isEmpty() ? nullptr : pass.constData());
+}
+
+void MqttClient::Private::afterLibraryCall()
+{
+    syncNotifiers();
+    flush();
+}
+
+void MqttClient::Private::syncNotifiers()
+{
+    const int socket = mosq ? mosquitto_socket(mosq) : -1;
+    if (socket != notifiedSocket) {
+        dropNotifiers();
+        if (socket >= 0) {
+            readNotifier = new QSocketNotifier(socket, QSocketNotifier::Read, q);
+            QObject::connect(readNotifier, &QSocketNotifier::activated, q, [this] { onReadable(); });
+            writeNotifier = new QSocketNotifier(socket, QSocketNotifier::Write, q);
+            QObject::connect(writeNotifier, &QSocketNotifier::activated, q, [this] { onWritable(); });
+            notifiedSocket = socket;
+            miscTimer->start();
+        }
+    }
+    if (writeNotifier)
+        writeNotifier->setEnabled(mosquitto_want_write(mosq));
+}
+
+void MqttClient::Private::dropNotifiers()
+{
+    // The notifiers may be the senders of the signal being handled.
+    for (QSocketNotifier* notifier : {readNotifier, writeNotifier}) {
+        if (notifier) {
+            notifier->setEnabled(false);
+            notifier->deleteLater();
+        }
+    }
+    readNotifier = nullptr;
+    writeNotifier = nullptr;
+    notifiedSocket = -1;
+    miscTimer->stop();
+}
+
+void MqttClient::Private::onReadable()
+{
+    if (!mosq)
+        return;
+    mosquitto_loop_read(mosq, 1);
+    afterLibraryCall();
+}
+
+void MqttClient::Private::onWritable()
+{
+    if (!mosq)
+        return;
+    mosquitto_loop_write(mosq, 1);
+    afterLibraryCall();
+}
+
+void MqttClient::Private::onHousekeeping()
+{
+    if (!mosq)
+        return;
+    mosquitto_loop_misc(mosq);
+    afterLibraryCall();
+}
+
+void MqttClient::Private::flush()
+{
+    // Slots may queue further events (close the transport, say): the
+    // outermost flush delivers them in order. A slot may also delete the
+    // client, hence the guard.
+    if (flushing)
+        return;
+    flushing = true;
+    QPointer<MqttClient> guard(q);
+    while (!events.isEmpty()) {
+        const Event event = events.takeFirst();
+        switch (event.kind) {
+        case Event::State:
+            if (state == event.value)
+                continue;
+            state = static_cast<ClientState>(event.value);
+            emit q->stateChanged(state);
+            break;
+        case Event::Error:
+            if (error == event.value)
+                continue;
+            error = static_cast<ClientError>(event.value);
+            emit q->errorChanged(error);
+            break;
+        case Event::Message:
+            emit q->messageReceived(event.payload, event.topic);
+            break;
+        }
+        if (!guard)
+            return;
+    }
+    flushing = false;
+}
+
+void MqttClient::Private::onConnect(mosquitto*, void* obj, int rc)
+{
+    auto* d = static_cast<Private*>(obj);
+    if (!d)
+        return;
+    if (rc == 0) {
+        d->queueState(Connected);
+    } else {
+        d->refusedByBroker = true;
+        d->queueError(errorFromConnack(rc));
+    }
+}
+
+void MqttClient::Private::onDisconnect(mosquitto*, void* obj, int rc)
+{
+    auto* d = static_cast<Private*>(obj);
+    if (!d)
+        return;
+    // The library has closed the socket already; its number may come back at once.
+    d->dropNotifiers();
+    if (rc != MOSQ_ERR_SUCCESS && !d->refusedByBroker)
+        d->queueError(errorFromLibrary(rc));
+    d->queueState(Disconnected);
+}
+
+void MqttClient::Private::onMessage(mosquitto*, void* obj, const mosquitto_message* message)
+{
+    auto* d = static_cast<Private*>(obj);
+    if (!d)
+        return;
+    Event event{Event::Message, 0, {}, QString::fromUtf8(message->topic)};
+    event.payload = QByteArray(static_cast<const char*>(message->payload), message->payloadlen);
+    d->events.append(event);
+}
+
+MqttClient::MqttClient(QObject* parent)
+    : QObject(parent)
+    , d(new Private(this))
+{
+    d->miscTimer = new QTimer(this);
+    d->miscTimer->setInterval(1000);
+    QObject::connect(d->miscTimer, &QTimer::timeout, this, [this] { d->onHousekeeping(); });
+}
+
+MqttClient::~MqttClient()
+{
+    if (d->mosq && d->state == Connected)
+        mosquitto_disconnect(d->mosq);
+    d->destroyHandle();
+    delete d;
+}
+
+QString MqttClient::hostname() const
+{
+    return d->hostname;
+}
+
+void MqttClient::setHostname(const QString& hostname)
+{
+    d->hostname = hostname;
+}
+
+quint16 MqttClient::port() const
+{
+    return d->port;
+}
+
+void MqttClient::setPort(quint16 port)
+{
+    d->port = port;
+}
+
+QString MqttClient::username() const
+{
+    return d->username;
+}
+
+void MqttClient::setUsername(const QString& username)
+{
+    d->username = username;
+}
+
+QString MqttClient::password() const
+{
+    return d->password;
+}
+
+void MqttClient::setPassword(const QString& password)
+{
+    d->password = password;
+}
+
+int MqttClient::keepAlive() const
+{
+    return d->keepAlive;
+}
+
+void MqttClient::setKeepAlive(int seconds)
+{
+    d->keepAlive = seconds;
+}
+
+MqttClient::ClientState MqttClient::state() const
+{
+    return d->state;
+}
+
+MqttClient::ClientError MqttClient::error() const
+{
+    return d->error;
+}
+
+void MqttClient::connectToHost()
+{
+    if (d->state != Disconnected)
+        return;
+    if (!d->ensureHandle()) {
+        d->queueError(UnknownError);
+        d->flush();
+        return;
+    }
+    d->applyCredentials();
+    d->error = NoError;
+    d->refusedByBroker = false;
+    d->queueState(Connecting);
+    d->flush();
+    if (d->state != Connecting)
+        return;
+
+    const QByteArray host = d->hostname.toUtf8();
+    const int rc = mosquitto_connect_async(d->mosq, host.constData(), d->port, d->keepAlive);
+    if (rc == MOSQ_ERR_SUCCESS) {
+        d->syncNotifiers();
+        return;
+    }
+    // A refused loopback connect fails right here and no callback follows.
+    // Report it from the event loop, as any other failure would be.
+    d->queueError(errorFromLibrary(rc));
+    d->queueState(Disconnected);
+    QPointer<MqttClient> guard(this);
+    QMetaObject::invokeMethod(this, [this, guard] {
+        if (guard)
+            d->flush();
+    }, Qt::QueuedConnection);
+}
+
+void MqttClient::disconnectFromHost()
+{
+    if (!d->mosq || d->state == Disconnected)
+        return;
+    if (d->state == Connected && mosquitto_disconnect(d->mosq) == MOSQ_ERR_SUCCESS) {
+        // The DISCONNECT packet goes out (and the callback follows) from the loop.
+        d->afterLibraryCall();
+        return;
+    }
+    // No session to end politely: just drop the connection attempt.
+    d->destroyHandle();
+    d->queueState(Disconnected);
+    d->flush();
+}
+
+void MqttClient::closeTransport()
+{
+    if (d->state == Disconnected)
+        return;
+    d->destroyHandle();
+    d->queueError(TransportInvalid);
+    d->queueState(Disconnected);
+    d->flush();
+}
+
+bool MqttClient::subscribe(const QString& filter, int qos)
+{
+    if (!d->mosq || d->state != Connected)
+        return false;
+    const QByteArray bytes = filter.toUtf8();
+    const int rc = mosquitto_subscribe(d->mosq, nullptr, bytes.constData(), qos);
+    d->afterLibraryCall();
+    return rc == MOSQ_ERR_SUCCESS;
+}
+
+bool MqttClient::unsubscribe(const QString& filter)
+{
+    if (!d->mosq || d->state != Connected)
+        return false;
+    const QByteArray bytes = filter.toUtf8();
+    const int rc = mosquitto_unsubscribe(d->mosq, nullptr, bytes.constData());
+    d->afterLibraryCall();
+    return rc == MOSQ_ERR_SUCCESS;
+}
+
+int MqttClient::publish(const QString& topic, const QByteArray& payload, int qos, bool retain)
+{
+    if (!d->mosq || d->state != Connected)
+        return -1;
+    const QByteArray bytes = topic.toUtf8();
+    int mid = 0;
+    const int rc = mosquitto_publish(d->mosq, &mid, bytes.constData(), payload.size(), payload.constData(), qos, retain);
+    d->afterLibraryCall();
+    return rc == MOSQ_ERR_SUCCESS ? mid : -1;
+}
+
+} // namespace Tarvik
+
+#include "moc_mqttclient.cpp"
