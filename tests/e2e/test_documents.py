@@ -41,8 +41,6 @@ def qt_indented(value, level=0):
     return brackets[0] + "\n" + ",\n".join(items) + ("\n" if items else "") + outer + brackets[1]
 
 
-
-
 def check_form(msg):
     assert msg.text == qt_indented(msg.json) + "\n", \
         "%s is not in the indented form with ascending keys:\n%s" % (msg.topic, msg.text)
@@ -78,8 +76,8 @@ def ask(scene, command, topic, expected, payload=None, normalise=lambda doc: doc
             continue
         if normalise(answer.json) == normalise(expected):
             break
-    assert answer is not None, "no answer to %s on %s" % (command, full)
-    assert normalise(answer.json) == normalise(expected)
+    assert answer is not None, "no answer to %s on %s\n%s" % (command, full, scene.log_tail())
+    assert normalise(answer.json) == normalise(expected), scene.log_tail()
     check_form(answer)
     check_retained(scene, answer)
     return answer.json
@@ -92,7 +90,7 @@ def expect_event(scene, topic, expected):
         msg = scene.client.wait_for(full, timeout=TIMEOUT, predicate=lambda m: m.json == expected)
     except TimeoutError:
         got = [m.json for m in scene.client.messages(full)]
-        pytest.fail("no document equal to %r on %s; got %r" % (expected, full, got))
+        pytest.fail("no document equal to %r on %s; got %r\n%s" % (expected, full, got, scene.log_tail()))
     check_form(msg)
     check_retained(scene, msg)
 
@@ -136,17 +134,20 @@ class Scene:
 
     def start(self, config, last_topics):
         """Starts tarvik and waits until its reload has published the documents of every device."""
-        if not os.path.exists(os.environ.get("TARVIK_BINARY", "")):
-            pytest.skip("TARVIK_BINARY is not built")
         self.client = self.world.mqtt(subscribe=self.world.base + "/#")
         self.tarvik = self.world.tarvik(config=dict(config, **{"Modem/usageSec": 0}))
         for topic in last_topics:
             self.client.wait_for(self.world.base + "/" + topic, timeout=TIMEOUT)
         return self
 
+    def log_tail(self):
+        return "tarvik's last log lines:\n" + "\n".join(self.tarvik.log_lines[-30:]) if self.tarvik else ""
+
 
 @pytest.fixture(scope="module")
 def scene_factory():
+    if not os.path.exists(os.environ.get("TARVIK_BINARY", "")):
+        pytest.skip("TARVIK_BINARY is not built")
     started = []
 
     def make():
@@ -163,6 +164,11 @@ def scene_factory():
 
 # ---------------------------------------------------------------------------
 # everything connected: wired (static address), Wi-Fi with a key, GSM modem with secrets
+
+# How the simulated access points announce each security text; "unknown" is
+# RSN flags without the privacy bit.
+AP_FLAGS = {"none": {"security": "open"}, "wep": {"security": "wep"}, "wpa2": {"security": "wpa2"},
+            "wpa1-wpa2": {"security": "wpa1-wpa2"}, "unknown": {"flags": 0, "wpa": 0, "rsn": 0x188}}
 
 HOME_APS = [
     # ssid, bssid, strength, frequency, security
@@ -184,6 +190,21 @@ MODEM_PROFILE = dict(apn="online.example", username="mobile", password="apn-secr
 ETH_IP4 = {"address": "192.168.1.10", "netmask": "255.255.255.0", "gateway": "192.168.1.1",
            "dns0": "192.168.1.1", "dns1": "8.8.8.8", "dns2": "9.9.9.9"}
 WLAN_IP4 = {"address": "192.168.2.20", "netmask": "255.255.255.0", "gateway": "192.168.2.1", "dns0": "192.168.2.1"}
+MODEM_IP4 = {"address": "10.64.3.2", "netmask": "255.255.255.252", "gateway": "10.64.3.1",
+             "dns0": "10.64.0.53", "dns1": "10.64.0.54"}
+OTHER_IP4 = {"address": "172.16.9.9", "netmask": "255.255.0.0", "gateway": "172.16.0.1", "dns0": "172.16.0.53"}
+
+
+def give_addresses(world, device, connection_ip4, device_ip4):
+    """Gives the device's active connection and the device itself their own IPv4 configuration."""
+    def configure(ip4):
+        prefix = bin(int.from_bytes(bytes(int(b) for b in ip4["netmask"].split(".")), "big")).count("1")
+        dns = [ip4[key] for key in sorted(ip4) if key.startswith("dns")]
+        return world.nm.set_ip4_config(device, ip4["address"], prefix, ip4["gateway"], dns=dns)
+    connection_config = configure(connection_ip4)
+    configure(device_ip4)
+    world.nm.set_properties(world.nm.active_connection(device), "org.freedesktop.NetworkManager.Connection.Active",
+                            {"Ip4Config": dbus.ObjectPath(connection_config)})
 
 
 @pytest.fixture(scope="module")
@@ -196,9 +217,8 @@ def connected(scene_factory):
     wlan = w.nm.add_wifi("wlan0", mac=WLAN_MAC)
     aps = {}
     for ssid, bssid, strength, frequency, security in HOME_APS:
-        flags = {"security": "open" if security == "none" else security} if security != "unknown" else \
-            {"flags": 0, "wpa": 0, "rsn": 0x188}
-        aps[bssid] = w.nm.add_access_point(wlan, ssid, bssid=bssid, strength=strength, frequency=frequency, **flags)
+        aps[bssid] = w.nm.add_access_point(wlan, ssid, bssid=bssid, strength=strength, frequency=frequency,
+                                           **AP_FLAGS[security])
     home = w.nm.add_connection(wifi_profile("HomeNet", key=HOME_KEY))
     w.nm.activate(home, wlan, aps["AA:BB:CC:DD:EE:01"], instant=True)
     gsm = scenarios.modem(w, "gsm", profile="Broadband", active=True, **MODEM_PROFILE, **MODEM_IDENTITY)
@@ -209,11 +229,12 @@ def connected(scene_factory):
                            "password": MODEM_PROFILE["password"], "pin": MODEM_PROFILE["pin"],
                            "network_id": MODEM_PROFILE["network_id"]}},
                 ["ethernet/config", "wifi/networks", "modem/signal"])
-    # Live addresses the documents must report: a third name server only the
-    # live encoder writes, and a modem address of the test's choosing.
-    w.nm.set_ip4_config(eth.device, "192.168.1.10", 24, "192.168.1.1", dns=["192.168.1.1", "8.8.8.8", "9.9.9.9"])
-    w.nm.set_ip4_config(wlan, "192.168.2.20", 24, "192.168.2.1", dns=["192.168.2.1"])
-    w.nm.set_ip4_config(gsm.device, "10.64.3.2", 30, "10.64.3.1", dns=["10.64.0.53", "10.64.0.54"])
+    # The active connections and the devices get different addresses, so that
+    # each document shows which of the two it reads. The wired connection has a
+    # third name server, which only the live encoder writes.
+    give_addresses(w, eth.device, ETH_IP4, OTHER_IP4)
+    give_addresses(w, wlan, WLAN_IP4, OTHER_IP4)
+    give_addresses(w, gsm.device, OTHER_IP4, MODEM_IP4)
     w.nm.set_status(70, connectivity=4)
     forget_loaded_secrets(w, home, gsm.connection)
     scene.wlan, scene.modem = wlan, gsm.modem
@@ -281,8 +302,7 @@ def test_wifi_networks_group_access_points_by_ssid(connected):
 def test_gsm_modem_state_carries_hardware_sim_and_operator(connected):
     ask(connected, "modem/state/get", "modem/state", dict(
         state_members("cdc-wdm0", 8, "Modem", 4, "Connected"),
-        ipv4={"address": "10.64.3.2", "netmask": "255.255.255.252", "gateway": "10.64.3.1",
-              "dns0": "10.64.0.53", "dns1": "10.64.0.54"},
+        ipv4=MODEM_IP4,
         device={"id": MODEM_IDENTITY["device_identifier"], "manufacturer": "Quectel", "model": "EC25",
                 "revision": MODEM_IDENTITY["revision"]},
         sim={"imsi": MODEM_IDENTITY["imsi"], "id": MODEM_IDENTITY["sim_identifier"]},
