@@ -21,7 +21,7 @@ namespace DocumentParts {
 void insertDeviceMembers(QJsonObject& document, const NetworkManager::Device::Ptr& device, DeviceState state);
 
 // The members every device state document starts with: the five above plus
-// "reason" and "reasonStr".
+// "reason" and "reasonStr". The device must exist.
 void insertStateMembers(QJsonObject& document, const NetworkManager::Device::Ptr& device, DeviceState state);
 
 // The profile a configuration document describes: the device's first available
