@@ -96,6 +96,15 @@ def test_refusals_fail_the_next_call_with_the_chosen_error(world):
     assert error.value.get_dbus_message() == 'not allowed'
     call(world, path, CONNECTION, 'Update', world_settings(ethernet_profile(autoconnect=False)))
 
+    other = world.nm.add_connection(ethernet_profile('Other'))
+    world.nm.refuse('GetSecrets', CONNECTION + '.Failed', 'no agent', count=-1, path=other)
+    assert world.nm.get_secrets(path, 'connection') == {'connection': {}, '802-3-ethernet': {}, 'ipv4': {}, 'ipv6': {}}
+    for _ in range(2):
+        with pytest.raises(dbus.exceptions.DBusException):
+            world.nm.get_secrets(other, 'connection')
+    world.nm.clear_refusals()
+    world.nm.get_secrets(other, 'connection')
+
 
 def test_activation_reaches_activated_with_ip_configuration(world):
     device = world.nm.add_ethernet('eth0')
@@ -145,6 +154,16 @@ def test_broker_keeps_retained_messages_and_restarts_on_its_port(world):
     assert again.count('tolv/network/status/get') == 1
 
 
+def test_silent_listener_accepts_and_never_answers(world):
+    import socket
+    listener = world.silent_listener()
+    with socket.create_connection(('127.0.0.1', listener.port), timeout=2) as s:
+        s.sendall(b'\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00')
+        s.settimeout(0.3)
+        with pytest.raises(socket.timeout):
+            s.recv(1)
+
+
 @pytest.mark.parametrize('world', [{'broker_users': {'tarvik': 'right'}}], indirect=True)
 def test_broker_with_password_file_refuses_wrong_password(world):
     world.mqtt(username='tarvik', password='right')
@@ -165,6 +184,30 @@ def test_process_helper_reads_log_lines_private_tmp_and_fake_time(world):
     pid = t.proc.pid
     t.stop()
     assert group_members(pid) == []
+
+
+def test_process_helper_controls_interface_counters(world):
+    stats = '/sys/class/net/wwan0/statistics'
+    script = (f'cat {stats}/rx_bytes >&2; while [ "$(cat {stats}/tx_bytes)" = 2000 ]; do sleep 0.01; done; '
+              f'cat {stats}/tx_bytes >&2')
+    t = world.tarvik(binary='/bin/sh', args=['-c', script], net_counters={'wwan0': (1000, 2000)})
+    assert t.wait_for_log(r'^1000$', timeout=5)
+    t.set_counters('wwan0', 1500, 4096)
+    assert t.wait_for_log(r'^4096$', timeout=5)
+
+
+def test_process_helper_captures_syslog_in_a_private_dev(world):
+    script = ('import syslog, os\n'
+              'syslog.openlog("tarvik", syslog.LOG_PID, syslog.LOG_LOCAL1)\n'
+              'syslog.syslog(syslog.LOG_WARNING, "Config file not found: x.")\n'
+              'open("/dev/null", "w").write("ignored")\n'
+              'syslog.syslog(syslog.LOG_DEBUG, "done " + str(sorted(os.listdir("/dev"))))\n')
+    t = world.tarvik(binary='/usr/bin/python3', args=['-c', script])
+    assert t.wait() == 0
+    warning = t.wait_for_syslog(r'^Config file not found: x\.$', timeout=5)
+    assert (warning.priority, warning.facility, warning.ident, warning.pid) == (4, 17, 'tarvik', t.proc.pid)
+    done = t.wait_for_syslog(r'^done ', timeout=5)
+    assert done.priority == 7 and "'log'" in done.message and "'null'" in done.message
 
 
 def test_config_file_holds_the_broker_and_given_keys(world):
@@ -274,6 +317,7 @@ def test_libraries_read_the_demo_world(demo_world):
                    'gateway': '192.168.2.1', 'nameservers': ['192.168.2.1']}
     assert wlan['ipv4'] == expected_ip
     assert wlan['activeConnection']['ipv4'] == expected_ip
+    assert (wlan['dhcp4']['ip_address'], wlan['dhcp4']['routers'], eth['dhcp4']) == ('192.168.2.103', '192.168.2.1', {})
     assert snap['primaryConnection']['connection'] == 'HomeNet' and snap['primaryConnection']['state'] == 2
 
     assert (modem['type'], modem['udi'], modem['modemFound']) == (8, '/org/freedesktop/ModemManager1/Modem/0', True)
@@ -339,6 +383,8 @@ def test_activation_and_changes_reach_the_library_as_signals(demo_world, watch):
     probe.next('primaryConnectionChanged')
     w.nm.set_managed(scene.wifi.device, False)
     probe.next('managedChanged', device='wlan0', managed=False)
+    w.nm.set_interface_name(scene.ethernet.device, 'eth9')
+    probe.next('interfaceNameChanged', device='eth9')
 
     plugged = w.mm.add_modem('cdma')
     assert probe.next('modemAdded', uni=plugged)['modem']['cdma']['esn'] == '80D5D26C'
@@ -346,6 +392,55 @@ def test_activation_and_changes_reach_the_library_as_signals(demo_world, watch):
     assert probe.next('deviceAdded', device='cdc-wdm1')['modemFound'] is True
     w.nm.remove_device(scene.modem.device)
     probe.next('deviceRemoved', path=scene.modem.device)
+    w.mm.remove_modem(plugged)
+    probe.next('modemRemoved', uni=plugged)
+
+
+def test_failed_and_ended_activations_walk_the_daemons_states(world, watch):
+    wlan = scenarios.wifi(world, profile_ssid=None)
+    keyless = world.nm.add_connection(wifi_profile('HomeNet', key=None))
+    eth = scenarios.ethernet(world)
+    probe = watch()
+    world.nm.activate(keyless, wlan.device, wlan.aps['HomeNet'], wait=False)
+    for new, old, reason in [(40, 30, 0), (50, 40, 0), (60, 50, 0), (120, 60, 7), (30, 120, 7)]:
+        probe.next('stateChanged', device='wlan0', new=new, old=old, reason=reason)
+
+    world.nm.fail_next_activation(eth.device, reason=5)
+    world.nm.activate(eth.connection, eth.device, wait=False)
+    for new, old, reason in [(70, 50, 0), (120, 70, 5), (30, 120, 5)]:
+        probe.next('stateChanged', device='eth0', new=new, old=old, reason=reason)
+    assert world.nm.manager_property('ActiveConnections') == []
+
+    world.nm.activate(eth.connection, eth.device)
+    world.nm.deactivate(eth.device)
+    for new, old, reason in [(110, 100, 39), (30, 110, 39)]:
+        probe.next('stateChanged', device='eth0', new=new, old=old, reason=reason)
+    assert (world.nm.manager_property('PrimaryConnection'), world.nm.manager_property('State')) == ('/', 20)
+
+
+def test_command_line_world_runs_until_terminated(tmp_path):
+    config = tmp_path / 'tarvik.conf'
+    proc = spawn(['/usr/bin/python3', os.path.join(os.path.dirname(scenarios.__file__), 'world.py'),
+                  '--scenario', 'demo', '--config-out', str(config)], stdout=subprocess.PIPE, text=True)
+    try:
+        lines = dict(proc.stdout.readline().strip().split('=', 1) for _ in range(3))
+        assert lines['DBUS_SYSTEM_BUS_ADDRESS'].startswith('unix:path=' + lines['WORLD_DIR'])
+        text = config.read_text()
+        assert f"port={lines['MQTT_PORT']}\n" in text and 'ssid=HomeNet\n' in text
+        proc.send_signal(15)
+        assert proc.wait(20) == 0
+        assert not os.path.exists(lines['WORLD_DIR'])
+        assert not [pid for pid in os.listdir('/proc') if pid.isdigit() and lines['WORLD_DIR'] in cmdline(pid)]
+    finally:
+        kill_group(proc)
+
+
+def cmdline(pid):
+    try:
+        with open(f'/proc/{pid}/cmdline', 'rb') as f:
+            return f.read().decode(errors='replace')
+    except OSError:
+        return ''
 
 
 def test_library_calls_reach_the_simulation(demo_world):
@@ -366,6 +461,21 @@ def test_library_calls_reach_the_simulation(demo_world):
         {'ip': '192.168.5.5', 'netmask': '255.255.255.0', 'gateway': '192.168.5.1'}]}
     assert w.nm.connection_settings(scene.ethernet.connection)['ipv4']['address-data'] == [
         {'address': '192.168.5.5', 'prefix': 24}]
+
+    wifi = run_probe(w, 'provision-wifi', 'wlan0', 'Office', scene.wifi.aps['Office'], 'office-key')
+    assert wifi['valid'] is True
+    w.nm.wait_device_state(scene.wifi.device, 100)
+    assert w.nm.get(scene.wifi.device, NM + '.Device.Wireless', 'ActiveAccessPoint') == scene.wifi.aps['Office']
+    stored = w.nm.connection_settings(wifi['connection'])
+    assert (stored['802-11-wireless']['ssid'], stored['802-11-wireless-security']) == (b'Office', {'key-mgmt': 'wpa-psk'})
+    assert w.nm.connection_secrets(wifi['connection']) == {'802-11-wireless-security': {'psk': 'office-key'}}
+    gsm = run_probe(w, 'provision-gsm', 'cdc-wdm0', 'Broadband', 'internet.example', 'user', 'pw', '1234')
+    assert gsm['valid'] is True
+    w.nm.wait_device_state(scene.modem.device, 100)
+    assert w.nm.get(scene.modem.device, NM + '.Device', 'IpInterface') == 'wwan0'
+    assert w.nm.connection_settings(gsm['connection'])['gsm'] == {
+        'apn': 'internet.example', 'number': '*99#', 'username': 'user', 'password-flags': 0, 'pin-flags': 0}
+    assert w.nm.get_secrets(gsm['connection'], 'gsm')['gsm'] == {'password': 'pw', 'pin': '1234'}
 
     w.nm.refuse('RequestScan', NM + '.Device.NotAllowed', 'Scanning not allowed immediately following previous scan')
     assert run_probe(w, 'scan', 'wlan0') == {

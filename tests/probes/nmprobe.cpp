@@ -8,7 +8,10 @@
 //   nmprobe add-activate-unknown IFACE    waited addAndActivateConnection of an Unknown-type profile
 //   nmprobe update-manual UUID ADDRESS PREFIX GATEWAY DNS
 //                                         waited update with a manual IPv4 setting, then the settings read back
+//   nmprobe provision-wifi IFACE SSID AP [PSK]                 waited addAndActivateConnection of a Wi-Fi profile
+//   nmprobe provision-gsm IFACE ID APN USER PASSWORD PIN       the same for a GSM profile
 //   nmprobe scan IFACE                    waited requestScan
+//   nmprobe secrets-latency UUID SETTING [N]  p50 and p99 of N waited secrets calls
 
 #include <ModemManagerQt/Bearer>
 #include <ModemManagerQt/Manager>
@@ -37,7 +40,9 @@
 #include <QJsonObject>
 #include <QTimer>
 
+#include <algorithm>
 #include <cstdio>
+#include <functional>
 
 namespace {
 
@@ -197,6 +202,8 @@ QJsonObject deviceToJson(const NetworkManager::Device::Ptr& device)
                        {"valid", device->isValid()},
                        {"activeConnection", activeToJson(device->activeConnection())},
                        {"ipv4", ipConfigToJson(device->ipV4Config())},
+                       {"dhcp4", device->dhcp4Config() ? variantToJson(device->dhcp4Config()->options())
+                                                       : QJsonValue(QJsonValue::Null)},
                        {"availableConnections", available}};
     if (auto wired = device.objectCast<NetworkManager::WiredDevice>()) {
         object.insert("mac", wired->hardwareAddress());
@@ -434,6 +441,63 @@ int addActivateUnknown(const QStringList& args)
     return 0;
 }
 
+// Creates and activates a profile the way a provisioning service builds one with the library.
+int addActivate(const NetworkManager::ConnectionSettings::Ptr& settings, const QString& iface, const QString& ap)
+{
+    auto device = deviceNamed(iface);
+    if (!device)
+        return 2;
+    settings->setUuid(NetworkManager::ConnectionSettings::createNewUuid());
+    settings->setAutoconnect(true);
+    QDBusPendingReply<QDBusObjectPath, QDBusObjectPath> reply =
+        NetworkManager::addAndActivateConnection(settings->toMap(), device->uni(), ap);
+    reply.waitForFinished();
+    QJsonObject result = replyToJson(reply);
+    if (reply.isValid()) {
+        result.insert("connection", reply.argumentAt<0>().path());
+        result.insert("active", reply.argumentAt<1>().path());
+    }
+    result.insert("sent", mapMapToJson(settings->toMap()));
+    print(result);
+    return 0;
+}
+
+int provisionWifi(const QStringList& args)
+{
+    NetworkManager::ConnectionSettings::Ptr settings(
+        new NetworkManager::ConnectionSettings(NetworkManager::ConnectionSettings::Wireless));
+    settings->setId(args.value(1));
+    auto wireless = settings->setting(NetworkManager::Setting::Wireless).dynamicCast<NetworkManager::WirelessSetting>();
+    wireless->setSsid(args.value(1).toUtf8());
+    if (!args.value(3).isEmpty()) {
+        auto security = settings->setting(NetworkManager::Setting::WirelessSecurity)
+                            .dynamicCast<NetworkManager::WirelessSecuritySetting>();
+        security->setKeyMgmt(NetworkManager::WirelessSecuritySetting::WpaPsk);
+        security->setPsk(args.value(3));
+        security->setInitialized(true);
+        wireless->setSecurity(QStringLiteral("802-11-wireless-security"));
+    }
+    wireless->setInitialized(true);
+    return addActivate(settings, args.value(0), args.value(2));
+}
+
+int provisionGsm(const QStringList& args)
+{
+    NetworkManager::ConnectionSettings::Ptr settings(
+        new NetworkManager::ConnectionSettings(NetworkManager::ConnectionSettings::Gsm));
+    settings->setId(args.value(1));
+    auto gsm = settings->setting(NetworkManager::Setting::Gsm).dynamicCast<NetworkManager::GsmSetting>();
+    gsm->setApn(args.value(2));
+    gsm->setUsername(args.value(3));
+    gsm->setPassword(args.value(4));
+    gsm->setPin(args.value(5));
+    gsm->setNumber(QStringLiteral("*99#"));
+    gsm->setPasswordFlags(NetworkManager::Setting::None);
+    gsm->setPinFlags(NetworkManager::Setting::None);
+    gsm->setInitialized(true);
+    return addActivate(settings, args.value(0), QString());
+}
+
 int updateManual(const QStringList& args, QCoreApplication& app)
 {
     auto connection = NetworkManager::findConnectionByUuid(args.value(0));
@@ -465,6 +529,25 @@ int updateManual(const QStringList& args, QCoreApplication& app)
     return 0;
 }
 
+int secretsLatency(const QStringList& args)
+{
+    auto connection = NetworkManager::findConnectionByUuid(args.value(0));
+    if (!connection)
+        return 2;
+    const int rounds = args.value(2, QStringLiteral("200")).toInt();
+    QVector<qint64> nanoseconds;
+    QElapsedTimer timer;
+    for (int i = 0; i < rounds; ++i) {
+        timer.start();
+        QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(args.value(1));
+        reply.waitForFinished();
+        nanoseconds.append(timer.nsecsElapsed());
+    }
+    std::sort(nanoseconds.begin(), nanoseconds.end());
+    print({{"p50_ms", nanoseconds[rounds / 2] / 1e6}, {"p99_ms", nanoseconds[rounds * 99 / 100] / 1e6}});
+    return 0;
+}
+
 int scan(const QStringList& args)
 {
     auto wireless = deviceNamed(args.value(0)).objectCast<NetworkManager::WirelessDevice>();
@@ -484,27 +567,42 @@ int main(int argc, char* argv[])
     QStringList args = app.arguments().mid(1);
     const QString command = args.value(0);
     args = args.mid(1);
-    if (command == QLatin1String("snapshot")) {
-        // Bearers of a modem are listed only after the event loop ran once after its creation.
-        for (const ModemManager::ModemDevice::Ptr& modem : ModemManager::modemDevices())
-            modem->modemInterface();
-        QTimer::singleShot(0, &app, []() {
-            print(snapshot());
-            QCoreApplication::quit();
-        });
-        return app.exec();
-    }
     if (command == QLatin1String("watch"))
         return watch(args.value(0, QStringLiteral("10")).toInt(), app);
-    if (command == QLatin1String("activate"))
-        return activate(args);
-    if (command == QLatin1String("add-activate-unknown"))
-        return addActivateUnknown(args);
-    if (command == QLatin1String("update-manual"))
-        return updateManual(args, app);
-    if (command == QLatin1String("scan"))
-        return scan(args);
+
+    std::function<int()> run;
+    if (command == QLatin1String("snapshot"))
+        run = []() { print(snapshot()); return 0; };
+    else if (command == QLatin1String("activate"))
+        run = [args]() { return activate(args); };
+    else if (command == QLatin1String("add-activate-unknown"))
+        run = [args]() { return addActivateUnknown(args); };
+    else if (command == QLatin1String("update-manual"))
+        run = [args, &app]() { return updateManual(args, app); };
+    else if (command == QLatin1String("provision-wifi"))
+        run = [args]() { return provisionWifi(args); };
+    else if (command == QLatin1String("provision-gsm"))
+        run = [args]() { return provisionGsm(args); };
+    else if (command == QLatin1String("scan"))
+        run = [args]() { return scan(args); };
+    else if (command == QLatin1String("secrets-latency"))
+        run = [args]() { return secretsLatency(args); };
+    if (run) {
+        // Inside the event loop, so that the libraries' deferred deletions run before exit. Bearers of a
+        // modem are listed only after the loop ran once after the modem object was made.
+        for (const ModemManager::ModemDevice::Ptr& modem : ModemManager::modemDevices())
+            modem->modemInterface();
+        int code = 0;
+        QTimer::singleShot(0, &app, [&run, &code]() {
+            code = run();
+            QCoreApplication::quit();
+        });
+        app.exec();
+        return code;
+    }
     std::fprintf(stderr, "usage: nmprobe snapshot|watch SECONDS|activate UUID IFACE [AP]|"
-                         "add-activate-unknown IFACE|update-manual UUID ADDRESS PREFIX GATEWAY DNS|scan IFACE\n");
+                         "add-activate-unknown IFACE|update-manual UUID ADDRESS PREFIX GATEWAY DNS|scan IFACE|"
+                         "provision-wifi IFACE SSID AP [PSK]|provision-gsm IFACE ID APN USER PASSWORD PIN|"
+                         "secrets-latency UUID SETTING [N]\n");
     return 2;
 }

@@ -84,11 +84,35 @@ def empty(world):
     return SimpleNamespace()
 
 
+def demo_changes(world, built):
+    '''What happens in the demo world as time goes by, one step at a time, for ever: the modem's
+    signal drifts, a neighbour's access point comes and goes, the cable is pulled and plugged back.'''
+    neighbour = None
+    signals = (71, 58, 49, 63, 80, 67)
+    step = 0
+    while True:
+        if step % 2 == 0:
+            world.mm.set_signal(built.modem.modem, signals[(step // 2) % len(signals)])
+        elif step % 8 == 1:
+            neighbour = world.nm.add_access_point(built.wifi.device, 'Neighbour', security='wpa2', strength=35,
+                                                  frequency=2462, bssid='AA:BB:CC:DD:EE:20')
+        elif step % 8 == 5 and neighbour:
+            world.nm.remove_access_point(built.wifi.device, neighbour)
+            neighbour = None
+        elif step % 8 == 3:
+            world.nm.set_carrier(built.ethernet.device, False)
+        elif step % 8 == 7:
+            world.nm.set_carrier(built.ethernet.device, True)
+        step += 1
+        yield
+
+
 SCENARIOS = {'demo': demo, 'empty': empty}
+CHANGES = {'demo': demo_changes}
 
 # Configuration that goes with a scenario (besides the broker settings of the world).
 CONFIGS = {
     'demo': {'Wifi': {'ssid': 'HomeNet', 'key': DEMO_WIFI_KEY}},
 }
 
-__all__ = ['ethernet', 'wifi', 'modem', 'demo', 'empty', 'SCENARIOS', 'CONFIGS', 'ipv4_setting']
+__all__ = ['ethernet', 'wifi', 'modem', 'demo', 'empty', 'SCENARIOS', 'CHANGES', 'CONFIGS', 'ipv4_setting']

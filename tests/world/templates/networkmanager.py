@@ -42,6 +42,7 @@ ACTIVE_IFACE = NM + '.Connection.Active'
 IP4_IFACE = NM + '.IP4Config'
 DHCP4_IFACE = NM + '.DHCP4Config'
 PROPS_IFACE = 'org.freedesktop.DBus.Properties'
+NM_AP_PREFIX = '/org/freedesktop/NetworkManager/AccessPoint/'
 
 # Device types and states as numbered by the daemon.
 TYPE_ETHERNET, TYPE_WIFI, TYPE_MODEM = 1, 2, 8
@@ -88,7 +89,7 @@ class World:
         self.connections = {}      # path -> {'settings': {...}, 'secrets': {...}}
         self.devices = {}          # path -> {'generation': int, 'lease': tuple or None, 'fail': reason or None}
         self.active = {}           # path -> {'connection', 'device', 'specific', 'ip4', 'dhcp4'}
-        self.refusals = {}         # method -> [error name, message, remaining (-1 = until cleared)]
+        self.refusals = {}         # (method, path or '') -> [error name, message, remaining (-1 = until cleared)]
         self.calls = []
         self.step_ms = 2
         self.pinned_state = False
@@ -182,19 +183,25 @@ def remove_object(path):
 
 # ---------------------------------------------------------------- call log and refusals
 
+CALL_LOG_LIMIT = 100000   # a benchmark makes many calls; keep the memory of the service bounded
+
+
 def record_call(path, method, args):
     W.calls.append({'time': time.time(), 'path': str(path), 'method': method, 'args': plain(list(args))})
+    if len(W.calls) > CALL_LOG_LIMIT:
+        del W.calls[:len(W.calls) // 2]
 
 
-def check_refusal(method):
-    refusal = W.refusals.get(method)
+def check_refusal(method, path):
+    key = (method, str(path)) if (method, str(path)) in W.refusals else (method, '')
+    refusal = W.refusals.get(key)
     if not refusal:
         return
     name, message, remaining = refusal
     if remaining > 0:
         refusal[2] -= 1
         if refusal[2] == 0:
-            del W.refusals[method]
+            del W.refusals[key]
     raise dbus.exceptions.DBusException(message, name=name)
 
 
@@ -203,7 +210,7 @@ def entry(method):
     def decorate(function):
         def wrapper(self, *args):
             record_call(self.path, method, args)
-            check_refusal(method)
+            check_refusal(method, self.path)
             return function(self, *args)
         return wrapper
     return decorate
@@ -529,7 +536,8 @@ def settings_get_connection_by_uuid(self, wanted):
     for path, record in W.connections.items():
         if str(record['settings']['connection'].get('uuid')) == wanted:
             return dbus.ObjectPath(path)
-    raise dbus.exceptions.DBusException('No connection with the UUID was found.', name=SETTINGS_IFACE + '.InvalidConnection')
+    raise dbus.exceptions.DBusException('No connection with the UUID was found.',
+                                        name=SETTINGS_IFACE + '.InvalidConnection')
 
 
 def require_device(device):
@@ -542,7 +550,8 @@ def check_available(settings, device, name):
     iface = device_iface(device)
     if not compatible(settings, device):
         raise dbus.exceptions.DBusException(
-            f"Connection '{name}' is not available on device {iface} because device is incompatible with the connection",
+            f"Connection '{name}' is not available on device {iface} "
+            "because device is incompatible with the connection",
             name=NM + '.UnknownConnection')
     if int(prop(device, DEVICE_IFACE, 'State')) < STATE_DISCONNECTED:
         why = 'device has no carrier' if int(prop(device, DEVICE_IFACE, 'DeviceType')) == TYPE_ETHERNET \
@@ -588,7 +597,7 @@ def complete(settings, device, specific):
     ctype = connection_type(settings)
     if ctype == '802-11-wireless':
         wireless = settings.setdefault('802-11-wireless', dbus.Dictionary({}, signature='sv'))
-        if 'ssid' not in wireless and specific in W_aps():
+        if 'ssid' not in wireless and specific in access_point_paths():
             wireless['ssid'] = prop(specific, AP_IFACE, 'Ssid')
         if 'id' not in con or not con['id']:
             con['id'] = dbus.String(bytes(wireless.get('ssid', b'')).decode('utf-8', 'replace'))
@@ -597,11 +606,9 @@ def complete(settings, device, specific):
         con['id'] = dbus.String(f'{base.get(ctype, "Connection")} {W.next_number("auto-name")}')
 
 
-def W_aps():
+def access_point_paths():
     return {p for p in dbusmock.get_objects() if p.startswith(NM_AP_PREFIX)}
 
-
-NM_AP_PREFIX = '/org/freedesktop/NetworkManager/AccessPoint/'
 
 
 @entry('DeactivateConnection')
@@ -922,7 +929,7 @@ def finish_deactivation(active):
 
 def in_use(path):
     for device in W.devices:
-        if str(prop(device, DEVICE_IFACE, 'Ip4Config')) == path or str(prop(device, DEVICE_IFACE, 'Dhcp4Config')) == path:
+        if path in (str(prop(device, DEVICE_IFACE, 'Ip4Config')), str(prop(device, DEVICE_IFACE, 'Dhcp4Config'))):
             return True
     return False
 
@@ -1172,7 +1179,6 @@ def SetCarrier(self, device, carrier, follow):
     if carrier and state == STATE_UNAVAILABLE:
         change_state(device, STATE_DISCONNECTED, REASON_CARRIER)
     elif not carrier and state > STATE_UNAVAILABLE:
-        active = str(prop(device, DEVICE_IFACE, 'ActiveConnection'))
         W.devices[device]['generation'] += 1
         change_state(device, STATE_UNAVAILABLE, REASON_CARRIER, cleared_device_props(device))
         for ac in [a for a, i in W.active.items() if i['device'] == device]:
@@ -1223,10 +1229,11 @@ def EmitOn(self, path, iface, name, args):
     obj(path).EmitSignal(iface, name, ''.join(dbus.lowlevel.Message.guess_signature(a) for a in args), args)
 
 
-@dbus.service.method(MOCK_IFACE, in_signature='sssi', out_signature='')
-def Refuse(self, method, error_name, message, count):
-    '''The next count calls of the method fail with the error (count -1: until cleared).'''
-    W.refusals[method] = [error_name, message, count]
+@dbus.service.method(MOCK_IFACE, in_signature='ssssi', out_signature='')
+def Refuse(self, method, path, error_name, message, count):
+    '''The next count calls of the method (on the object path, or any when empty) fail with the error
+    (count -1: until cleared).'''
+    W.refusals[(str(method), str(path))] = [error_name, message, count]
 
 
 @dbus.service.method(MOCK_IFACE, in_signature='', out_signature='')

@@ -1,0 +1,158 @@
+'''The MQTT test client: paho-mqtt with TCP_NODELAY, recording every message it receives.'''
+
+import json
+import socket
+import threading
+import time
+
+DEFAULT_BASE = 'tolv/network'
+
+class Message:
+    def __init__(self, topic, payload, qos, retain):
+        self.topic = topic
+        self.payload = payload
+        self.qos = qos
+        self.retain = retain
+        self.time = time.monotonic()
+
+    @property
+    def text(self):
+        return self.payload.decode('utf-8')
+
+    @property
+    def json(self):
+        return json.loads(self.payload.decode('utf-8'))
+
+    def __repr__(self):
+        return f'Message({self.topic!r}, {self.payload!r}, qos={self.qos}, retain={self.retain})'
+
+
+class MqttClient:
+    '''A paho-mqtt client with TCP_NODELAY that records every message it receives.'''
+
+    def __init__(self, port, host='127.0.0.1', base=DEFAULT_BASE, username=None, password=None, client_id=''):
+        import paho.mqtt.client as mqtt
+        self._mqtt = mqtt
+        self.base = base
+        self.received = []
+        self._returned = set()
+        self._cond = threading.Condition()
+        self._connected = None
+        self._subacks = {}
+        self.client = mqtt.Client(client_id=client_id, clean_session=True, protocol=mqtt.MQTTv311)
+        if username is not None:
+            self.client.username_pw_set(username, password)
+        self.client.reconnect_delay_set(0.1, 0.5)
+        self.client.on_socket_open = self._on_socket_open
+        self.client.on_connect = self._on_connect
+        self.client.on_message = self._on_message
+        self.client.on_subscribe = self._on_subscribe
+        self.host, self.port = host, port
+
+    @staticmethod
+    def _on_socket_open(client, userdata, sock):
+        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+
+    def _on_connect(self, client, userdata, flags, rc):
+        with self._cond:
+            self._connected = rc
+            self._cond.notify_all()
+
+    def _on_subscribe(self, client, userdata, mid, granted_qos):
+        with self._cond:
+            self._subacks[mid] = granted_qos
+            self._cond.notify_all()
+
+    def _on_message(self, client, userdata, msg):
+        with self._cond:
+            self.received.append(Message(msg.topic, bytes(msg.payload), msg.qos, bool(msg.retain)))
+            self._cond.notify_all()
+
+    def connect(self, timeout=10):
+        self.client.connect(self.host, self.port, keepalive=60)
+        self.client.loop_start()
+        with self._cond:
+            if not self._cond.wait_for(lambda: self._connected is not None, timeout):
+                raise TimeoutError('no CONNACK from the broker')
+        if self._connected != 0:
+            self.disconnect()
+            raise ConnectionError(f'broker refused the connection: {self._connected}')
+        return self
+
+    def disconnect(self):
+        # Flagging the network thread before DISCONNECT lets it end at once instead of after its 1 s poll.
+        self.client._thread_terminate = True
+        try:
+            self.client.disconnect()
+        finally:
+            self.client.loop_stop()
+
+    def subscribe(self, topic_filter, qos=2, timeout=10):
+        '''Subscribes and waits for the SUBACK; returns the granted QoS.'''
+        result, mid = self.client.subscribe(topic_filter, qos)
+        if result != 0:
+            raise ConnectionError(f'subscribe failed: {result}')
+        with self._cond:
+            if not self._cond.wait_for(lambda: mid in self._subacks, timeout):
+                raise TimeoutError(f'no SUBACK for {topic_filter}')
+            return self._subacks[mid][0]
+
+    def publish(self, topic, payload=b'', qos=0, retain=False, timeout=10):
+        if isinstance(payload, (dict, list)):
+            payload = json.dumps(payload)
+        info = self.client.publish(topic, payload, qos, retain)
+        info.wait_for_publish(timeout)
+        if not info.is_published():
+            raise TimeoutError(f'publish on {topic} not completed')
+
+    def command(self, name, payload=None, qos=2):
+        '''Publishes a command on base + "/" + name (a dict becomes JSON; bytes and text go as they are).'''
+        self.publish(f'{self.base}/{name}', b'{}' if payload is None else payload, qos)
+
+    def topic(self, name):
+        return f'{self.base}/{name}'
+
+    def _matches(self, msg, topic, predicate):
+        if topic is not None and not self._mqtt.topic_matches_sub(topic, msg.topic):
+            return False
+        return predicate is None or predicate(msg)
+
+    def wait_for(self, topic, timeout=10, predicate=None):
+        '''The next message on topic (a filter may have wildcards) matching predicate that no earlier
+        wait_for returned, in arrival order since the last clear().'''
+        def find():
+            for index, msg in enumerate(self.received):
+                if index not in self._returned and self._matches(msg, topic, predicate):
+                    self._returned.add(index)
+                    return msg
+            return None
+        with self._cond:
+            msg = self._cond.wait_for(find, timeout)
+        if msg is None:
+            seen = [m.topic for m in self.messages()]
+            raise TimeoutError(f'no message on {topic} within {timeout} s; received topics: {seen}')
+        return msg
+
+    def expect_none(self, topic, within, predicate=None):
+        '''Asserts that no new message on topic arrives within the time (a bounded wait, not a sleep).'''
+        try:
+            msg = self.wait_for(topic, within, predicate)
+        except TimeoutError:
+            return
+        raise AssertionError(f'unexpected message {msg}')
+
+    def messages(self, topic=None):
+        with self._cond:
+            return [m for m in self.received if self._matches(m, topic, None)]
+
+    def count(self, topic):
+        return len(self.messages(topic))
+
+    def latest(self, topic):
+        found = self.messages(topic)
+        return found[-1] if found else None
+
+    def clear(self):
+        with self._cond:
+            self.received.clear()
+            self._returned.clear()
