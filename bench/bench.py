@@ -142,6 +142,8 @@ def main():
 
         tarvik_ms, echo_ms = measure_round_trip(world, options.requests)
         received, lost, rate = measure_throughput(world, options.burst)
+        # Idle again: the client hands burst memory back on its quiet housekeeping ticks (one a second).
+        time.sleep(4)
         rss_after = vm_rss_kib(tarvik.proc.pid)
     finally:
         world.stop()

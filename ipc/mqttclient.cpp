@@ -1,5 +1,6 @@
 #include "ipc/mqttclient.h"
 
+#include <malloc.h>
 #include <mosquitto.h>
 
 #include <QMetaObject>
@@ -70,6 +71,9 @@ struct MqttClient::Private {
     QSocketNotifier* writeNotifier = nullptr;
     int notifiedSocket = -1;
     QTimer* miscTimer = nullptr;
+    qint64 publishedThisTick = 0;
+    qint64 publishedSinceTrim = 0;
+    int trimsLeft = 0;
 
     QString hostname;
     quint16 port = 1883;
@@ -94,6 +98,7 @@ struct MqttClient::Private {
     void onReadable();
     void onWritable();
     void onHousekeeping();
+    void releaseBurstMemory();
 
     void queueState(ClientState s) { events.append({Event::State, s, {}, {}}); }
     void queueError(ClientError e) { events.append({Event::Error, e, {}, {}}); }
@@ -202,6 +207,30 @@ void MqttClient::Private::onHousekeeping()
         return;
     mosquitto_loop_misc(mosq);
     afterLibraryCall();
+    releaseBurstMemory();
+}
+
+void MqttClient::Private::releaseBurstMemory()
+{
+    // A burst of publishes queues its messages on the heap, and the last of
+    // them are freed only as their acknowledgements come in. Once the burst
+    // is over, hand the freed pages back on a few quiet ticks so that a
+    // service running for months does not keep the peak of its busiest second.
+    constexpr qint64 burstBytes = 64 * 1024;
+    constexpr int quietTicksTrimmed = 3;
+    if (publishedThisTick > 0) {
+        publishedSinceTrim += publishedThisTick;
+        publishedThisTick = 0;
+        return;
+    }
+    if (publishedSinceTrim >= burstBytes) {
+        publishedSinceTrim = 0;
+        trimsLeft = quietTicksTrimmed;
+    }
+    if (trimsLeft > 0) {
+        --trimsLeft;
+        malloc_trim(0);
+    }
 }
 
 void MqttClient::Private::flush()
@@ -436,6 +465,7 @@ int MqttClient::publish(const QString& topic, const QByteArray& payload, int qos
     const QByteArray bytes = topic.toUtf8();
     int mid = 0;
     const int rc = mosquitto_publish(d->mosq, &mid, bytes.constData(), payload.size(), payload.constData(), qos, retain);
+    d->publishedThisTick += payload.size();
     d->afterLibraryCall();
     return rc == MOSQ_ERR_SUCCESS ? mid : -1;
 }
