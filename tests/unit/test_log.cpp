@@ -92,8 +92,8 @@ private slots:
             QVERIFY2(oneDigit.match(QString::fromLatin1(line.stampField)).hasMatch(), line.stampField);
         // Generous upper bounds: the machine may be loaded, but the clock must
         // start at open and follow the wall clock.
-        QVERIFY2(lines[0].stamp >= 0 && lines[0].stamp < 1.0, lines[0].stampField);
-        QVERIFY2(lines[1].stamp >= 1.5 && lines[1].stamp < 6.5, lines[1].stampField);
+        QVERIFY2(lines[0].stamp >= 0 && lines[0].stamp < 3.0, lines[0].stampField);
+        QVERIFY2(lines[1].stamp >= 1.5 && lines[1].stamp < 9.9, lines[1].stampField);
     }
 
     void stampRoundsToMillisecondsAndIsNeverCut_data()

@@ -1,0 +1,174 @@
+// State, configuration, access points and networks of the wired and the
+// wireless device.
+
+#include "ipc/documentparts.h"
+#include "ipc/ipc.h"
+#include "vocabulary/devicestate.h"
+
+#include <NetworkManagerQt/Manager>
+#include <NetworkManagerQt/WirelessNetwork>
+#include <NetworkManagerQt/WirelessSecuritySetting>
+#include <NetworkManagerQt/WirelessSetting>
+#include <QJsonArray>
+
+namespace Tarvik {
+
+namespace {
+
+// Live addresses of the device's active connection, or null while it is not connected.
+QJsonValue connectedIpv4(const NetworkManager::Device::Ptr& device, DeviceState state)
+{
+    const NetworkManager::ActiveConnection::Ptr active = device->activeConnection();
+    if (state != Connected || !active) {
+        return QJsonValue::Null;
+    }
+    return IPC::toJson(active->ipV4Config());
+}
+
+// An SSID is raw bytes; clients get the part before the first zero byte.
+QString ssidText(const QByteArray& ssid)
+{
+    const int end = ssid.indexOf('\0');
+    return QString::fromLatin1(end < 0 ? ssid : ssid.left(end));
+}
+
+// The stored pre-shared key; unset when NetworkManager holds no security
+// secrets for the profile (an open network, for example).
+void insertWifiKey(QJsonObject& document, const NetworkManager::Connection::Ptr& profile)
+{
+    const auto security = DocumentParts::profileSetting<NetworkManager::WirelessSecuritySetting>(
+        profile, NetworkManager::Setting::WirelessSecurity);
+    if (!security) {
+        return;
+    }
+    const QDBusPendingReply<NMVariantMapMap> reply = DocumentParts::waitForSecrets(profile, security->name());
+    if (!reply.isValid()) {
+        return;
+    }
+    document.insert("key", reply.value().value(security->name()).value("psk").toString());
+}
+
+QJsonObject networkObject(const NetworkManager::WirelessNetwork::Ptr& network)
+{
+    QJsonObject object;
+    object.insert("ssid", network->ssid());
+    object.insert("signalStrength", network->signalStrength());
+    const NetworkManager::Device::Ptr device = NetworkManager::findNetworkInterface(network->device());
+    object.insert("device", device ? QJsonValue(device->interfaceName()) : QJsonValue::Null);
+    object.insert("referenceAP", IPC::toJson(network->referenceAccessPoint()));
+    QJsonArray accessPoints;
+    for (const NetworkManager::AccessPoint::Ptr& ap : network->accessPoints()) {
+        if (ap) {
+            accessPoints.append(IPC::toJson(ap));
+        }
+    }
+    object.insert("accessPoints", accessPoints);
+    return object;
+}
+
+} // namespace
+
+void IPC::publishEthernetState(NetworkManager::WiredDevice::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    const DeviceState state = mapDeviceState(dev->state());
+    // Without a cable the device cannot be connected, whatever NetworkManager
+    // still reports; the addresses follow the real state all the same.
+    QJsonObject document;
+    DocumentParts::insertStateMembers(document, dev, dev->carrier() ? state : Disconnected);
+    document.insert("mac", dev->hardwareAddress());
+    document.insert("ipv4", connectedIpv4(dev, state));
+    publishDocument("ethernet/state", document, 2, true);
+}
+
+void IPC::publishEthernetConfig(NetworkManager::WiredDevice::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
+    if (!profile) {
+        publishDocument("ethernet/config", DocumentParts::unknownConfig(dev), 2, true);
+        return;
+    }
+    QJsonObject document = DocumentParts::ipv4ConfigMembers(profile);
+    document.insert("interface", dev->interfaceName());
+    publishDocument("ethernet/config", document, 2, true);
+}
+
+void IPC::publishWifiState(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    const DeviceState state = mapDeviceState(dev->state());
+    QJsonObject document;
+    DocumentParts::insertStateMembers(document, dev, state);
+    document.insert("mac", dev->hardwareAddress());
+    document.insert("ipv4", connectedIpv4(dev, state));
+    document.insert("ap", state == Connected ? toJson(dev->activeAccessPoint()) : QJsonValue::Null);
+    publishDocument("wifi/state", document, 2, true);
+}
+
+void IPC::publishWifiConfig(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
+    if (!profile) {
+        QJsonObject document = DocumentParts::unknownConfig(dev);
+        document.insert("ssid", QJsonValue::Null);
+        document.insert("key", QJsonValue::Null);
+        publishDocument("wifi/config", document, 2, true);
+        return;
+    }
+    QJsonObject document = DocumentParts::ipv4ConfigMembers(profile);
+    const auto wireless = DocumentParts::profileSetting<NetworkManager::WirelessSetting>(
+        profile, NetworkManager::Setting::Wireless);
+    if (wireless) {
+        document.insert("ssid", ssidText(wireless->ssid()));
+    }
+    insertWifiKey(document, profile);
+    document.insert("interface", dev->interfaceName());
+    publishDocument("wifi/config", document, 2, true);
+}
+
+void IPC::publishWifiAccessPoints(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    QJsonArray aps;
+    for (const QString& path : dev->accessPoints()) {
+        const NetworkManager::AccessPoint::Ptr ap = dev->findAccessPoint(path);
+        if (ap) {
+            aps.append(toJson(ap));
+        }
+    }
+    QJsonObject document;
+    document.insert("interface", dev->interfaceName());
+    document.insert("aps", aps);
+    publishDocument("wifi/aps", document, 2, true);
+}
+
+void IPC::publishWifiNetworks(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    QJsonArray networks;
+    for (const NetworkManager::WirelessNetwork::Ptr& network : dev->networks()) {
+        if (network) {
+            networks.append(networkObject(network));
+        }
+    }
+    QJsonObject document;
+    document.insert("interface", dev->interfaceName());
+    document.insert("networks", networks);
+    publishDocument("wifi/networks", document, 2, true);
+}
+
+} // namespace Tarvik
