@@ -1,5 +1,6 @@
 '''tarvik as a child process: its INI file, its environment, its log lines and syslog records.'''
 
+import glob
 import os
 import re
 import signal
@@ -122,6 +123,13 @@ def config_text(config):
     return '\n'.join(lines)
 
 
+def libfaketime():
+    found = sorted(glob.glob('/usr/lib/*/faketime/libfaketime.so.1') + glob.glob('/usr/lib/faketime/libfaketime.so.1'))
+    if not found:
+        raise RuntimeError('libfaketime is not installed (Debian package faketime)')
+    return found[0]
+
+
 class Tarvik:
     '''The tarvik process: INI file, environment, stderr collected line by line in a thread.'''
 
@@ -167,8 +175,6 @@ class Tarvik:
 
     def command_line(self):
         cmd = [self.binary] + self.args
-        if self.faketime:
-            cmd = ['faketime', '-f', self.faketime] + cmd
         if self.tmp_dir or self.net_dir or self._syslog_wanted:
             cmd = ['unshare', '--mount', '--propagation', 'private', 'sh', '-c', NAMESPACE_SCRIPT, 'tarvik-ns'] + cmd
         return cmd
@@ -193,6 +199,9 @@ class Tarvik:
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
         env.update(self._namespace_env())
         if self.faketime:
+            # Preloaded directly: the faketime wrapper leaves a semaphore in /dev/shm behind whenever it is
+            # killed, and a later wrapper that happens to get the same pid then refuses to start.
+            env.update(LD_PRELOAD=libfaketime(), FAKETIME=self.faketime)
             env.setdefault('FAKETIME_DONT_FAKE_MONOTONIC', '1')
             # libfaketime comes first in LD_PRELOAD, which a sanitizer build refuses unless told.
             env['ASAN_OPTIONS'] = ':'.join(filter(None, [env.get('ASAN_OPTIONS'), 'verify_asan_link_order=0']))
@@ -297,7 +306,19 @@ class Tarvik:
         for thread in self._threads:
             thread.join(2)
         self._close_syslog()
+        self._remove_faketime_leftovers()
         return code
+
+    def _remove_faketime_leftovers(self):
+        '''libfaketime keeps a semaphore and a shared memory segment per process in /dev/shm and removes them
+        only at a normal exit; tarvik ends by a signal.'''
+        if not self.faketime or self.proc is None:
+            return
+        for name in (f'sem.faketime_sem_{self.proc.pid}', f'faketime_shm_{self.proc.pid}'):
+            try:
+                os.unlink(os.path.join('/dev/shm', name))
+            except FileNotFoundError:
+                pass
 
     def _close_syslog(self):
         if self.syslog:
