@@ -91,13 +91,3 @@ def start_tarvik(world, tarvik_binary):
 def mqtt(world):
     '''A test client subscribed to everything under the topic base, QoS 2.'''
     return world.mqtt(subscribe=world.base + '/#')
-
-
-def probe_path(name):
-    '''Path of a probe program built from tests/probes/<name>.cpp, or None.'''
-    path = os.environ.get('TARVIK_PROBE_' + name)
-    if path and os.path.exists(path):
-        return path
-    build = os.environ.get('TARVIK_BUILD_DIR') or os.path.join(SOURCE_DIR, 'build')
-    candidate = os.path.join(build, 'tests', name)
-    return candidate if os.path.exists(candidate) else None
