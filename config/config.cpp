@@ -87,6 +87,33 @@ void Config::setModem(const Modem& modem)
     writeConfiguration();
 }
 
+namespace {
+
+// The six IPv4 keys of a device group; the mask key is named differently per group.
+Config::Ipv4Config readIpv4(QSettings& s, const QString& group, const QString& maskKey)
+{
+    Config::Ipv4Config ipv4;
+    ipv4.method = s.value(group + "/method", "auto").toString();
+    ipv4.address = s.value(group + "/address", "").toString();
+    ipv4.netmask = s.value(group + "/" + maskKey, "").toString();
+    ipv4.gateway = s.value(group + "/gateway", "").toString();
+    ipv4.dns0 = s.value(group + "/dns0", "").toString();
+    ipv4.dns1 = s.value(group + "/dns1", "").toString();
+    return ipv4;
+}
+
+void writeIpv4(QSettings& s, const QString& group, const QString& maskKey, const Config::Ipv4Config& ipv4)
+{
+    s.setValue(group + "/method", ipv4.method);
+    s.setValue(group + "/address", ipv4.address);
+    s.setValue(group + "/" + maskKey, ipv4.netmask);
+    s.setValue(group + "/gateway", ipv4.gateway);
+    s.setValue(group + "/dns0", ipv4.dns0);
+    s.setValue(group + "/dns1", ipv4.dns1);
+}
+
+} // namespace
+
 void Config::readConfiguration()
 {
     QSettings& s = *m_settings;
@@ -99,23 +126,13 @@ void Config::readConfiguration()
 
     m_ethernet.id = s.value("Ethernet/id", "Ethernet").toString();
     m_ethernet.autocon = s.value("Ethernet/autocon", true).toBool();
-    m_ethernet.ipv4.method = s.value("Ethernet/method", "auto").toString();
-    m_ethernet.ipv4.address = s.value("Ethernet/address", "").toString();
-    m_ethernet.ipv4.netmask = s.value("Ethernet/mask", "").toString();
-    m_ethernet.ipv4.gateway = s.value("Ethernet/gateway", "").toString();
-    m_ethernet.ipv4.dns0 = s.value("Ethernet/dns0", "").toString();
-    m_ethernet.ipv4.dns1 = s.value("Ethernet/dns1", "").toString();
+    m_ethernet.ipv4 = readIpv4(s, "Ethernet", "mask");
 
     m_wifi.id = s.value("Wifi/id", "Wifi").toString();
     m_wifi.autocon = s.value("Wifi/autocon", true).toBool();
     m_wifi.ssid = s.value("Wifi/ssid", "").toString();
     m_wifi.key = s.value("Wifi/key", "").toString();
-    m_wifi.ipv4.method = s.value("Wifi/method", "auto").toString();
-    m_wifi.ipv4.address = s.value("Wifi/address", "").toString();
-    m_wifi.ipv4.netmask = s.value("Wifi/mask", "").toString();
-    m_wifi.ipv4.gateway = s.value("Wifi/gateway", "").toString();
-    m_wifi.ipv4.dns0 = s.value("Wifi/dns0", "").toString();
-    m_wifi.ipv4.dns1 = s.value("Wifi/dns1", "").toString();
+    m_wifi.ipv4 = readIpv4(s, "Wifi", "mask");
 
     m_modem.id = s.value("Modem/id", "Broadband").toString();
     m_modem.autocon = s.value("Modem/autocon", true).toBool();
@@ -124,12 +141,7 @@ void Config::readConfiguration()
     m_modem.apn = s.value("Modem/apn", "internet").toString();
     m_modem.networkId = s.value("Modem/network_id", "").toString();
     m_modem.pin = s.value("Modem/pin", "").toString();
-    m_modem.ipv4.method = s.value("Modem/method", "auto").toString();
-    m_modem.ipv4.address = s.value("Modem/address", "").toString();
-    m_modem.ipv4.netmask = s.value("Modem/netmask", "").toString();
-    m_modem.ipv4.gateway = s.value("Modem/gateway", "").toString();
-    m_modem.ipv4.dns0 = s.value("Modem/dns0", "").toString();
-    m_modem.ipv4.dns1 = s.value("Modem/dns1", "").toString();
+    m_modem.ipv4 = readIpv4(s, "Modem", "netmask");
     m_modem.usageSec = s.value("Modem/usageSec", 120).toInt();
 }
 
@@ -145,23 +157,13 @@ void Config::writeConfiguration()
 
     s.setValue("Ethernet/id", m_ethernet.id);
     s.setValue("Ethernet/autocon", m_ethernet.autocon);
-    s.setValue("Ethernet/method", m_ethernet.ipv4.method);
-    s.setValue("Ethernet/address", m_ethernet.ipv4.address);
-    s.setValue("Ethernet/mask", m_ethernet.ipv4.netmask);
-    s.setValue("Ethernet/gateway", m_ethernet.ipv4.gateway);
-    s.setValue("Ethernet/dns0", m_ethernet.ipv4.dns0);
-    s.setValue("Ethernet/dns1", m_ethernet.ipv4.dns1);
+    writeIpv4(s, "Ethernet", "mask", m_ethernet.ipv4);
 
     s.setValue("Wifi/id", m_wifi.id);
     s.setValue("Wifi/autocon", m_wifi.autocon);
     s.setValue("Wifi/ssid", m_wifi.ssid);
     s.setValue("Wifi/key", m_wifi.key);
-    s.setValue("Wifi/method", m_wifi.ipv4.method);
-    s.setValue("Wifi/address", m_wifi.ipv4.address);
-    s.setValue("Wifi/mask", m_wifi.ipv4.netmask);
-    s.setValue("Wifi/gateway", m_wifi.ipv4.gateway);
-    s.setValue("Wifi/dns0", m_wifi.ipv4.dns0);
-    s.setValue("Wifi/dns1", m_wifi.ipv4.dns1);
+    writeIpv4(s, "Wifi", "mask", m_wifi.ipv4);
 
     s.setValue("Modem/id", m_modem.id);
     s.setValue("Modem/autocon", m_modem.autocon);
@@ -170,12 +172,7 @@ void Config::writeConfiguration()
     s.setValue("Modem/apn", m_modem.apn);
     s.setValue("Modem/network_id", m_modem.networkId);
     s.setValue("Modem/pin", m_modem.pin);
-    s.setValue("Modem/method", m_modem.ipv4.method);
-    s.setValue("Modem/address", m_modem.ipv4.address);
-    s.setValue("Modem/netmask", m_modem.ipv4.netmask);
-    s.setValue("Modem/gateway", m_modem.ipv4.gateway);
-    s.setValue("Modem/dns0", m_modem.ipv4.dns0);
-    s.setValue("Modem/dns1", m_modem.ipv4.dns1);
+    writeIpv4(s, "Modem", "netmask", m_modem.ipv4);
     s.setValue("Modem/usageSec", uint(m_modem.usageSec));
 
     s.sync();

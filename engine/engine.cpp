@@ -177,32 +177,28 @@ void Engine::processWifiConfigGetCommand(const QJsonObject& payload)
         m_ipc->publishDeviceConfig(device);
 }
 
+NetworkManager::WirelessDevice::Ptr Engine::findRequestedWirelessDevice(const QJsonObject& payload,
+                                                                       const QString& errorCommand)
+{
+    const auto device = findRequestedDevice(payload, NetworkManager::Device::Wifi, errorCommand);
+    if (!device)
+        return {};
+    const auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
+    if (!wireless)
+        m_ipc->publishError(errorCommand, invalidDeviceText(payload));
+    return wireless;
+}
+
 void Engine::processWifiApsGetCommand(const QJsonObject& payload)
 {
-    const QString command = QStringLiteral("wifi/aps/get");
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Wifi, command);
-    if (!device)
-        return;
-    const auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
-    if (!wireless) {
-        m_ipc->publishError(command, invalidDeviceText(payload));
-        return;
-    }
-    m_ipc->publishWifiAccessPoints(wireless);
+    if (const auto wireless = findRequestedWirelessDevice(payload, QStringLiteral("wifi/aps/get")))
+        m_ipc->publishWifiAccessPoints(wireless);
 }
 
 void Engine::processWifiNetworksGetCommand(const QJsonObject& payload)
 {
-    const QString command = QStringLiteral("wifi/networks/get");
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Wifi, command);
-    if (!device)
-        return;
-    const auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
-    if (!wireless) {
-        m_ipc->publishError(command, invalidDeviceText(payload));
-        return;
-    }
-    m_ipc->publishWifiNetworks(wireless);
+    if (const auto wireless = findRequestedWirelessDevice(payload, QStringLiteral("wifi/networks/get")))
+        m_ipc->publishWifiNetworks(wireless);
 }
 
 void Engine::processModemStateGetCommand(const QJsonObject& payload)

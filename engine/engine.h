@@ -69,6 +69,8 @@ private:
     // publishes "Invalid device specified: <name>" for errorCommand and returns null.
     NetworkManager::Device::Ptr findRequestedDevice(const QJsonObject& payload, NetworkManager::Device::Type type,
                                                     const QString& errorCommand);
+    NetworkManager::WirelessDevice::Ptr findRequestedWirelessDevice(const QJsonObject& payload,
+                                                                    const QString& errorCommand);
     void processNetworkStatusCommand(const QJsonObject& payload);
     void processNetworkInfoCommand(const QJsonObject& payload);
     void processEthernetStateGetCommand(const QJsonObject& payload);
