@@ -10,6 +10,8 @@ import time
 
 import pytest
 
+from world import config_keys
+
 BINARY = os.environ["TARVIK_BINARY"]
 BANNER = re.compile(r"tarvik v1\.0\.15 \((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
                     r"( [1-9]|[12][0-9]|3[01]) \d{4}, ([01]\d|2[0-3]):[0-5]\d:[0-5]\d\)\n")
@@ -90,17 +92,6 @@ def start_until_file(argv, path, cwd, timeout=10):
     return err
 
 
-def ini_keys(path):
-    keys, group = {}, None
-    for line in path.read_text().splitlines():
-        if line.startswith("["):
-            group = line.strip("[]")
-        elif "=" in line:
-            name, _, value = line.partition("=")
-            keys[f"{group}/{name}"] = value
-    return keys
-
-
 DEFAULTS = {
     "Mqtt/url": "localhost", "Mqtt/port": "1883", "Mqtt/user": "", "Mqtt/pass": "", "Mqtt/base": "tolv/network",
     "Ethernet/id": "Ethernet", "Ethernet/autocon": "true", "Ethernet/method": "auto",
@@ -126,7 +117,7 @@ class TestConfigurationPath:
         conf = tmp_path / "elsewhere" / "my.conf"
         conf.parent.mkdir()
         start_until_file([BINARY, "-f", str(conf)], conf, cwd=tmp_path)
-        keys = ini_keys(conf)
+        keys = config_keys(conf)
         assert len(keys) == 36 and "Modem/dns1" not in keys
         assert {k: keys[k] for k in DEFAULTS} == DEFAULTS
         assert all(v == "" for k, v in keys.items() if k not in DEFAULTS)

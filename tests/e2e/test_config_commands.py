@@ -4,22 +4,9 @@ device reprovisioned in the simulated NetworkManager, and their error documents.
 import re
 
 import scenarios
-from world import u32_to_ip4
+from world import config_keys, u32_to_ip4
 
 BASE = "tolv/network"
-
-
-def ini(path):
-    """The INI file as {"Group/key": text}."""
-    keys, group = {}, None
-    with open(path) as f:
-        for line in f.read().splitlines():
-            if line.startswith("["):
-                group = line.strip("[]")
-            elif "=" in line:
-                name, _, value = line.partition("=")
-                keys[f"{group}/{name}"] = value
-    return keys
 
 
 def full_file(world, **groups):
@@ -58,7 +45,7 @@ def test_wifi_set_with_only_ssid_and_key_empties_ipv4_and_gives_a_link_local_pro
     client.command("wifi/config/set", {"interface": "wlan0", "ssid": "HomeNet", "key": "sesame-1234"})
     tarvik.wait_for_log(re.escape("[Engine] [Wifi] Connection 'HomeNet' created successfully."))
 
-    assert ini(tarvik.config_path) == full_file(world, Wifi={"ssid": "HomeNet", "key": "sesame-1234", "method": ""})
+    assert config_keys(tarvik.config_path) == full_file(world, Wifi={"ssid": "HomeNet", "key": "sesame-1234", "method": ""})
     profile = world.nm.find_connection("HomeNet")
     settings = world.nm.connection_settings(profile)
     assert settings["ipv4"]["method"] == "link-local"
@@ -79,7 +66,7 @@ def test_ethernet_static_address_is_applied_and_activated(world):
     tarvik.wait_for_log(re.escape("[Engine] [Ethernet] Connection settings have changed. Applying new settings."))
     tarvik.wait_for_log(re.escape("[Engine] [Ethernet] Connection 'Ethernet' updated."))
 
-    assert ini(tarvik.config_path) == full_file(world, Ethernet={
+    assert config_keys(tarvik.config_path) == full_file(world, Ethernet={
         "method": "manual", "address": "192.168.50.7", "mask": "255.255.255.0", "gateway": "192.168.50.1",
         "dns0": "192.168.50.1", "dns1": "9.9.9.9"})
     ipv4 = world.nm.connection_settings(eth.connection)["ipv4"]
@@ -136,7 +123,7 @@ def test_modem_set_rewrites_the_file_even_when_networkmanager_refuses_the_update
                                         "method": "auto"})
     tarvik.wait_for_log(re.escape("[Engine] [Modem] Failed to update connection 'Broadband' : Not allowed to update"))
 
-    assert ini(tarvik.config_path) == full_file(world, Modem={
+    assert config_keys(tarvik.config_path) == full_file(world, Modem={
         "apn": "telco.example", "username": "alice", "password": "s3cret", "network_id": "24201", "pin": "1234"})
     assert world.nm.connection_settings(gsm.connection)["gsm"]["apn"] == "internet"
     assert client.messages(BASE + "/error") == []

@@ -123,6 +123,19 @@ def config_text(config):
     return '\n'.join(lines)
 
 
+def config_keys(path):
+    '''The INI file as {"Group/key": text}, the form tarvik's configuration is compared in.'''
+    keys, group = {}, None
+    with open(path) as f:
+        for line in f.read().splitlines():
+            if line.startswith('['):
+                group = line.strip('[]')
+            elif '=' in line:
+                name, _, value = line.partition('=')
+                keys[f'{group}/{name}'] = value
+    return keys
+
+
 def libfaketime():
     found = sorted(glob.glob('/usr/lib/*/faketime/libfaketime.so.1') + glob.glob('/usr/lib/faketime/libfaketime.so.1'))
     if not found:

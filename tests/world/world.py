@@ -26,7 +26,7 @@ from mqttclient import DEFAULT_BASE, Message, MqttClient
 from processes import group_members, install_termination_handler, kill_group, spawn, wait_until
 from profiles import AP_SECURITY, ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
 from services import MM_BUS, NM_BUS, Bus, MockService, ModemManager, NetworkManager
-from tarvikprocess import SyslogRecord, Tarvik, config_text
+from tarvikprocess import SyslogRecord, Tarvik, config_keys, config_text
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TEMPLATES = os.path.join(HERE, 'templates')
@@ -34,7 +34,7 @@ TEMPLATES = os.path.join(HERE, 'templates')
 # What tests import from here (the pieces live in the modules beside this one).
 __all__ = [
     'AP_SECURITY', 'Broker', 'Bus', 'Message', 'MockService', 'ModemManager', 'MqttClient', 'NetworkManager',
-    'SilentListener', 'SyslogRecord', 'Tarvik', 'World', 'config_text', 'dbus_props', 'dbus_settings',
+    'SilentListener', 'SyslogRecord', 'Tarvik', 'World', 'config_keys', 'config_text', 'dbus_props', 'dbus_settings',
     'ethernet_profile', 'group_members', 'gsm_profile', 'ip4_to_u32', 'ipv4_setting', 'kill_group', 'plain',
     'spawn', 'u32_to_ip4', 'wait_until', 'wifi_profile',
 ]
