@@ -83,6 +83,11 @@ void Engine::log(Log::Level level, const char* format, ...)
     va_end(args);
 }
 
+QByteArray Engine::typeText(NetworkManager::Device::Type type)
+{
+    return deviceTypeToString(type).toLocal8Bit();
+}
+
 void Engine::onIPCConnected(const QString& url)
 {
     log(Log::Info, "IPC Connected to %s", url.toLocal8Bit().constData());
@@ -119,7 +124,7 @@ NetworkManager::Device::Ptr Engine::findDevice(const QString& name, NetworkManag
         }
     }
     log(Log::Error, "ERROR: Could not find device with name=%s and type=%s", name.toLocal8Bit().constData(),
-        deviceTypeToString(type).toLocal8Bit().constData());
+        typeText(type).constData());
     return {};
 }
 

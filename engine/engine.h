@@ -62,6 +62,8 @@ private:
     };
 
     void log(Log::Level level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    // The device type as the "[%s]" tag of a log line.
+    static QByteArray typeText(NetworkManager::Device::Type type);
 
     // Core and dispatch (engine.cpp)
     NetworkManager::Device::Ptr findDevice(const QString& name, NetworkManager::Device::Type type);

@@ -21,11 +21,6 @@ constexpr int scanIntervalMs = 30000;
 // place; give it a moment before the device is provisioned.
 constexpr int deviceSettleDelayMs = 1000;
 
-QByteArray typeText(NetworkManager::Device::Type type)
-{
-    return deviceTypeToString(type).toUtf8();
-}
-
 } // namespace
 
 void Engine::monitorNetwork()
@@ -45,7 +40,7 @@ void Engine::monitorNetwork()
 void Engine::monitorDevice(NetworkManager::Device::Ptr device)
 {
     log(Log::Info, "[%s] Started monitoring device: %s", typeText(device->type()).constData(),
-        qUtf8Printable(device->interfaceName()));
+        qPrintable(device->interfaceName()));
 
     device->disconnect();
     connect(device.data(), &NetworkManager::Device::stateChanged, this, &Engine::onDeviceStateChanged);
@@ -85,7 +80,7 @@ void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
                     return;
                 }
                 log(Log::Info, "[Wifi] AccessPoint '%s' appeared (dev=%s, signal=%d%%).",
-                    qUtf8Printable(accessPoint->ssid()), qUtf8Printable(wireless->interfaceName()),
+                    qPrintable(accessPoint->ssid()), qPrintable(wireless->interfaceName()),
                     accessPoint->signalStrength());
             });
     disconnect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, nullptr, nullptr);
@@ -95,8 +90,8 @@ void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
                 if (!network) {
                     return;
                 }
-                log(Log::Info, "[Wifi] Network '%s' found (dev=%s, signal=%d%%).", qUtf8Printable(network->ssid()),
-                    qUtf8Printable(wireless->interfaceName()), network->signalStrength());
+                log(Log::Info, "[Wifi] Network '%s' found (dev=%s, signal=%d%%).", qPrintable(network->ssid()),
+                    qPrintable(wireless->interfaceName()), network->signalStrength());
                 m_ipc->publishWifiNetworks(wireless);
             });
 
@@ -115,7 +110,7 @@ void Engine::scanWifiNetworks(NetworkManager::WirelessDevice::Ptr wireless)
     reply.waitForFinished();
     if (!reply.isValid()) {
         log(Log::Info, "[%s] Failed to scan for Wifi networks: %s", type.constData(),
-            qUtf8Printable(reply.error().message()));
+            qPrintable(reply.error().message()));
         return;
     }
     m_ipc->publishWifiAccessPoints(wireless);
@@ -131,21 +126,21 @@ void Engine::monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice)
     ModemManager::Modem::Ptr modemInterface = modem ? modem->modemInterface() : ModemManager::Modem::Ptr();
     if (!modemInterface) {
         log(Log::Warning, "[Modem] No ModemManager modem found for %s (dev=%s). Signal quality not monitored.",
-            qUtf8Printable(modemDevice->udi()), qUtf8Printable(modemDevice->interfaceName()));
+            qPrintable(modemDevice->udi()), qPrintable(modemDevice->interfaceName()));
         return;
     }
     disconnect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, nullptr, nullptr);
     connect(modemInterface.data(), &ModemManager::Modem::signalQualityChanged, this,
             [this, modemDevice](ModemManager::SignalQualityPair signalQuality) {
                 log(Log::Info, "[Modem] Signal changed '%u' (dev=%s).", signalQuality.signal,
-                    qUtf8Printable(modemDevice->interfaceName()));
+                    qPrintable(modemDevice->interfaceName()));
                 m_ipc->publishDeviceModemSignal(modemDevice);
             });
 }
 
 void Engine::unmonitorDevice(NetworkManager::Device::Ptr device)
 {
-    log(Log::Info, "Stopped monitoring device '%s'.", qUtf8Printable(device->interfaceName()));
+    log(Log::Info, "Stopped monitoring device '%s'.", qPrintable(device->interfaceName()));
     device->disconnect();
 }
 
@@ -162,7 +157,7 @@ NetworkManager::Device::Ptr Engine::getDeviceFromUni(const QString& uni)
 {
     auto device = NetworkManager::findNetworkInterface(uni);
     if (!device) {
-        log(Log::Error, "getDeviceFromSender(): No device found for %s", qUtf8Printable(uni));
+        log(Log::Error, "getDeviceFromSender(): No device found for %s", qPrintable(uni));
     }
     return device;
 }
@@ -171,7 +166,7 @@ NetworkManager::ActiveConnection::Ptr Engine::getConnectionFromUni(const QString
 {
     auto connection = NetworkManager::findActiveConnection(uni);
     if (!connection) {
-        log(Log::Error, "getConnectionFromUni(): No connection found for %s", qUtf8Printable(uni));
+        log(Log::Error, "getConnectionFromUni(): No connection found for %s", qPrintable(uni));
     }
     return connection;
 }
@@ -179,7 +174,7 @@ NetworkManager::ActiveConnection::Ptr Engine::getConnectionFromUni(const QString
 void Engine::onStatusChanged(NetworkManager::Status status)
 {
     log(Log::Info, "[Network] Status changed: %d (%s)", static_cast<int>(status),
-        qUtf8Printable(statusToString(status)));
+        qPrintable(statusToString(status)));
     m_ipc->publishNetworkStatus();
 }
 
@@ -190,7 +185,7 @@ void Engine::onPrimaryConnectionChanged(const QString& uni)
         return;
     }
     auto profile = active->connection();
-    log(Log::Info, "[Network] Primary connection changed: %s", profile ? qUtf8Printable(profile->name()) : "");
+    log(Log::Info, "[Network] Primary connection changed: %s", profile ? qPrintable(profile->name()) : "");
     m_ipc->publishNetworkStatus();
 }
 
@@ -201,13 +196,13 @@ void Engine::onDeviceAdded(const QString& uni)
         return;
     }
     log(Log::Info, "Device added: %s (dev=%s, active=%d, managed=%d)", typeText(device->type()).constData(),
-        qUtf8Printable(device->interfaceName()), device->isActive() ? 1 : 0, device->managed() ? 1 : 0);
+        qPrintable(device->interfaceName()), device->isActive() ? 1 : 0, device->managed() ? 1 : 0);
     QTimer::singleShot(deviceSettleDelayMs, Qt::PreciseTimer, this, [this, device]() { reloadDevice(device); });
 }
 
 void Engine::onDeviceRemoved(const QString& uni)
 {
-    log(Log::Info, "Device removed: %s", qUtf8Printable(uni));
+    log(Log::Info, "Device removed: %s", qPrintable(uni));
 }
 
 void Engine::onDeviceStateChanged(NetworkManager::Device::State newstate, NetworkManager::Device::State oldstate,
@@ -222,8 +217,8 @@ void Engine::onDeviceStateChanged(NetworkManager::Device::State newstate, Networ
         return;
     }
     log(Log::Info, "[%s] State changed: %s (dev=%s, reason=%s).", typeText(device->type()).constData(),
-        qUtf8Printable(deviceStateToString(state)), qUtf8Printable(device->interfaceName()),
-        qUtf8Printable(stateChangeReasonToString(reason)));
+        qPrintable(deviceStateToString(state)), qPrintable(device->interfaceName()),
+        qPrintable(stateChangeReasonToString(reason)));
     m_ipc->publishDeviceState(device);
 
     if (device->type() == NetworkManager::Device::Modem) {
@@ -242,7 +237,7 @@ void Engine::onDeviceManagedChanged()
         return;
     }
     log(Log::Info, "[%s] Device is %s managed (name=%s).", typeText(device->type()).constData(),
-        device->managed() ? "now" : "no longer", qUtf8Printable(device->interfaceName()));
+        device->managed() ? "now" : "no longer", qPrintable(device->interfaceName()));
 }
 
 void Engine::onInterfaceNameChanged()
@@ -252,7 +247,7 @@ void Engine::onInterfaceNameChanged()
         return;
     }
     log(Log::Info, "[%s] Device interface name changed: %s.", typeText(device->type()).constData(),
-        qUtf8Printable(device->interfaceName()));
+        qPrintable(device->interfaceName()));
 }
 
 } // namespace Tarvik

@@ -23,11 +23,6 @@ const QString wirelessSecurityGroup = QStringLiteral("802-11-wireless-security")
 const QString gsmGroup = QStringLiteral("gsm");
 const QString gsmDialNumber = QStringLiteral("*99#");
 
-QByteArray typeText(NetworkManager::Device::Type type)
-{
-    return deviceTypeToString(type).toUtf8();
-}
-
 template <typename T>
 QSharedPointer<T> settingOf(NetworkManager::ConnectionSettings::Ptr settings, NetworkManager::Setting::SettingType type)
 {
@@ -82,7 +77,7 @@ void Engine::reload()
         const bool managed = device->managed();
         const bool active = device->isActive();
         log(Log::Info, "[%s] Device found: %s (active=%d, managed=%d)", typeText(device->type()).constData(),
-            qUtf8Printable(device->interfaceName()), active ? 1 : 0, managed ? 1 : 0);
+            qPrintable(device->interfaceName()), active ? 1 : 0, managed ? 1 : 0);
         reloadDevice(device);
     }
 }
@@ -120,7 +115,7 @@ void Engine::reloadDevice(NetworkManager::Device::Ptr device)
         break;
     }
     default:
-        log(Log::Warning, "Skipping device: %s", qUtf8Printable(device->interfaceName()));
+        log(Log::Warning, "Skipping device: %s", qPrintable(device->interfaceName()));
         break;
     }
 }
@@ -159,7 +154,7 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
         auto accessPoint = findAccessPoint(device, ssid);
         if (!accessPoint) {
             log(Log::Info, "[Wifi] Configured access point '%s' not in range. Will not attempt to connect.",
-                qUtf8Printable(ssid));
+                qPrintable(ssid));
             return {};
         }
         name = ssid;
@@ -176,7 +171,7 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
         break;
     }
 
-    log(Log::Info, "[%s] Checking connection: %s", type.constData(), qUtf8Printable(name));
+    log(Log::Info, "[%s] Checking connection: %s", type.constData(), qPrintable(name));
     if (name.isEmpty()) {
         return {};
     }
@@ -187,7 +182,7 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
         reply.waitForFinished();
         if (!reply.isValid()) {
             log(Log::Info, "[%s] Failed to activate connection: %s", type.constData(),
-                qUtf8Printable(reply.error().message()));
+                qPrintable(reply.error().message()));
         }
         return reply.isValid();
     };
@@ -195,7 +190,7 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
     NetworkManager::Connection::Ptr connection = findConnection(name, device);
     if (!connection) {
         log(Log::Info, "[%s] Connection '%s' does not exist. Creating and activating.", type.constData(),
-            qUtf8Printable(name));
+            qPrintable(name));
         NetworkManager::ConnectionSettings::Ptr settings(new NetworkManager::ConnectionSettings(connectionType));
         settings->setUuid(NetworkManager::ConnectionSettings::createNewUuid());
         settings->setTimestamp(QDateTime::currentDateTime());
@@ -205,15 +200,15 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
             NetworkManager::addAndActivateConnection(settings->toMap(), device->uni(), accessPointPath);
         reply.waitForFinished();
         if (!reply.isValid()) {
-            log(Log::Info, "[%s] Failed to create connection '%s' : %s", type.constData(), qUtf8Printable(name),
-                qUtf8Printable(reply.error().message()));
+            log(Log::Info, "[%s] Failed to create connection '%s' : %s", type.constData(), qPrintable(name),
+                qPrintable(reply.error().message()));
             return {};
         }
-        log(Log::Info, "[%s] Connection '%s' created successfully.", type.constData(), qUtf8Printable(name));
+        log(Log::Info, "[%s] Connection '%s' created successfully.", type.constData(), qPrintable(name));
         return NetworkManager::findConnection(reply.argumentAt<0>().path());
     }
 
-    log(Log::Info, "[%s] Connection '%s' already exists.", type.constData(), qUtf8Printable(name));
+    log(Log::Info, "[%s] Connection '%s' already exists.", type.constData(), qPrintable(name));
     loadConnectionSecrets(connection, device);
     NetworkManager::ConnectionSettings::Ptr settings = connection->settings();
     if (updateConnectionSettings(settings, config, security)) {
@@ -221,27 +216,27 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
         QDBusPendingReply<> reply = connection->update(updateMapOf(settings));
         reply.waitForFinished();
         if (!reply.isValid()) {
-            log(Log::Info, "[%s] Failed to update connection '%s' : %s", type.constData(), qUtf8Printable(name),
-                qUtf8Printable(reply.error().message()));
+            log(Log::Info, "[%s] Failed to update connection '%s' : %s", type.constData(), qPrintable(name),
+                qPrintable(reply.error().message()));
             return {};
         }
         if (!activate(connection)) {
             return {};
         }
-        log(Log::Info, "[%s] Connection '%s' updated.", type.constData(), qUtf8Printable(name));
+        log(Log::Info, "[%s] Connection '%s' updated.", type.constData(), qPrintable(name));
         return connection;
     }
 
-    log(Log::Info, "[%s] No update required for connection '%s'.", type.constData(), qUtf8Printable(name));
+    log(Log::Info, "[%s] No update required for connection '%s'.", type.constData(), qPrintable(name));
     NetworkManager::ActiveConnection::Ptr active = device->activeConnection();
     if (active && active->connection() == connection) {
         return connection;
     }
-    log(Log::Info, "[%s] Connection '%s' not active. Activating.", type.constData(), qUtf8Printable(name));
+    log(Log::Info, "[%s] Connection '%s' not active. Activating.", type.constData(), qPrintable(name));
     if (!activate(connection)) {
         return {};
     }
-    log(Log::Info, "[%s] Connection '%s' activated.", type.constData(), qUtf8Printable(name));
+    log(Log::Info, "[%s] Connection '%s' activated.", type.constData(), qPrintable(name));
     return connection;
 }
 
@@ -359,7 +354,7 @@ bool Engine::updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr se
             }
         } else if (security == QLatin1String("unknown")) {
             log(Log::Error, "Could not determine Wifi security for AP '%s'. Defaulting to 'none'.",
-                qUtf8Printable(wifi.ssid));
+                qPrintable(wifi.ssid));
         }
 
         auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
@@ -433,7 +428,7 @@ void Engine::loadConnectionSecrets(NetworkManager::Connection::Ptr connection, N
         reply.waitForFinished();
         if (!reply.isValid()) {
             log(Log::Info, "[%s] Failed to get secrets: '%s' : %s", typeText(device->type()).constData(),
-                qUtf8Printable(connection->name()), qUtf8Printable(reply.error().message()));
+                qPrintable(connection->name()), qPrintable(reply.error().message()));
         }
         securitySetting->secretsFromMap(reply.value().value(wirelessSecurityGroup));
     } else if (settings->connectionType() == NetworkManager::ConnectionSettings::Gsm) {
