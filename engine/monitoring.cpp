@@ -72,10 +72,14 @@ void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
     if (!wireless) {
         return;
     }
+    // The handlers live in the device object itself: a strong reference there
+    // would keep a removed device alive for ever.
+    const QWeakPointer<NetworkManager::WirelessDevice> watched = wireless;
     disconnect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, nullptr, nullptr);
     connect(wireless.data(), &NetworkManager::WirelessDevice::accessPointAppeared, this,
-            [this, wireless](const QString& path) {
-                auto accessPoint = wireless->findAccessPoint(path);
+            [this, watched](const QString& path) {
+                const auto wireless = watched.toStrongRef();
+                auto accessPoint = wireless ? wireless->findAccessPoint(path) : NetworkManager::AccessPoint::Ptr();
                 if (!accessPoint) {
                     return;
                 }
@@ -85,8 +89,9 @@ void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
             });
     disconnect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, nullptr, nullptr);
     connect(wireless.data(), &NetworkManager::WirelessDevice::networkAppeared, this,
-            [this, wireless](const QString& ssid) {
-                auto network = wireless->findNetwork(ssid);
+            [this, watched](const QString& ssid) {
+                const auto wireless = watched.toStrongRef();
+                auto network = wireless ? wireless->findNetwork(ssid) : NetworkManager::WirelessNetwork::Ptr();
                 if (!network) {
                     return;
                 }
