@@ -13,6 +13,7 @@
 #include <NetworkManagerQt/Manager>
 #include <NetworkManagerQt/ModemDevice>
 #include <NetworkManagerQt/WirelessDevice>
+#include <NetworkManagerQt/WirelessSetting>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
@@ -102,6 +103,10 @@ private:
     bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
                                   const QString& security);
     bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4);
+    bool updateWirelessSecurity(NetworkManager::ConnectionSettings::Ptr settings,
+                                NetworkManager::WirelessSetting::Ptr wireless, const Config::Wifi& wifi,
+                                const QString& security);
+    bool updateIpv4Of(NetworkManager::ConnectionSettings::Ptr settings, const Config::Ipv4Config& ipv4);
     NetworkManager::Connection::Ptr findConnection(const QString& name, NetworkManager::Device::Ptr device);
     NetworkManager::AccessPoint::Ptr findAccessPoint(NetworkManager::Device::Ptr device, const QString& ssid);
     void loadConnectionSecrets(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device);

@@ -29,6 +29,18 @@ QSharedPointer<T> settingOf(NetworkManager::ConnectionSettings::Ptr settings, Ne
     return settings->setting(type).template staticCast<T>();
 }
 
+// Writes the wanted value through the setter when the getter reads another
+// one; true when it did.
+template <typename Object, typename Getter, typename Setter, typename Value>
+bool updateValue(Object& object, Getter get, Setter set, const Value& wanted)
+{
+    if ((object.*get)() == wanted) {
+        return false;
+    }
+    (object.*set)(wanted);
+    return true;
+}
+
 // Every update names the GSM password and PIN, empty when the profile holds
 // none; the group travels with profiles of every type.
 NMVariantMapMap updateMapOf(NetworkManager::ConnectionSettings::Ptr settings)
@@ -246,121 +258,52 @@ bool Engine::updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr se
     if (!settings) {
         return false;
     }
+    using Settings = NetworkManager::ConnectionSettings;
     bool changed = false;
 
     switch (settings->connectionType()) {
-    case NetworkManager::ConnectionSettings::Wired: {
+    case Settings::Wired: {
         const Config::Ethernet& ethernet = config.ethernet();
-        if (settings->id() != ethernet.id) {
-            settings->setId(ethernet.id);
-            changed = true;
-        }
-        if (settings->autoconnect() != ethernet.autocon) {
-            settings->setAutoconnect(ethernet.autocon);
-            changed = true;
-        }
-        auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
-        if (ipv4 && updateIpv4Configuration(ipv4, ethernet.ipv4)) {
-            changed = true;
-        }
+        changed |= updateValue(*settings, &Settings::id, &Settings::setId, ethernet.id);
+        changed |= updateValue(*settings, &Settings::autoconnect, &Settings::setAutoconnect, ethernet.autocon);
+        changed |= updateIpv4Of(settings, ethernet.ipv4);
         break;
     }
-    case NetworkManager::ConnectionSettings::Gsm: {
+    case Settings::Gsm: {
         const Config::Modem& modem = config.modem();
         // Name and autoconnect are rewritten but, on their own, do not make
         // the profile count as changed.
         settings->setId(modem.id);
         settings->setAutoconnect(modem.autocon);
-        auto gsm = settingOf<NetworkManager::GsmSetting>(settings, NetworkManager::Setting::Gsm);
+        using Gsm = NetworkManager::GsmSetting;
+        auto gsm = settingOf<Gsm>(settings, NetworkManager::Setting::Gsm);
         if (gsm) {
-            if (gsm->apn() != modem.apn) {
-                gsm->setApn(modem.apn);
-                changed = true;
-            }
-            if (gsm->username() != modem.username) {
-                gsm->setUsername(modem.username);
-                changed = true;
-            }
-            if (gsm->networkId() != modem.networkId) {
-                gsm->setNetworkId(modem.networkId);
-                changed = true;
-            }
-            if (gsm->password() != modem.password) {
-                gsm->setPassword(modem.password);
-                changed = true;
-            }
-            if (gsm->pin() != modem.pin) {
-                gsm->setPin(modem.pin);
-                changed = true;
-            }
+            changed |= updateValue(*gsm, &Gsm::apn, &Gsm::setApn, modem.apn);
+            changed |= updateValue(*gsm, &Gsm::username, &Gsm::setUsername, modem.username);
+            changed |= updateValue(*gsm, &Gsm::networkId, &Gsm::setNetworkId, modem.networkId);
+            changed |= updateValue(*gsm, &Gsm::password, &Gsm::setPassword, modem.password);
+            changed |= updateValue(*gsm, &Gsm::pin, &Gsm::setPin, modem.pin);
             gsm->setNumber(gsmDialNumber);
             gsm->setPasswordFlags(NetworkManager::Setting::None);
             gsm->setPinFlags(NetworkManager::Setting::None);
             gsm->setInitialized(true);
         }
-        auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
-        if (ipv4 && updateIpv4Configuration(ipv4, modem.ipv4)) {
-            changed = true;
-        }
+        changed |= updateIpv4Of(settings, modem.ipv4);
         break;
     }
-    case NetworkManager::ConnectionSettings::Wireless: {
+    case Settings::Wireless: {
         const Config::Wifi& wifi = config.wifi();
-        if (settings->id() != wifi.ssid) {
-            settings->setId(wifi.ssid);
-            changed = true;
-        }
-        if (settings->autoconnect() != wifi.autocon) {
-            settings->setAutoconnect(wifi.autocon);
-            changed = true;
-        }
+        changed |= updateValue(*settings, &Settings::id, &Settings::setId, wifi.ssid);
+        changed |= updateValue(*settings, &Settings::autoconnect, &Settings::setAutoconnect, wifi.autocon);
 
         auto wireless = settingOf<NetworkManager::WirelessSetting>(settings, NetworkManager::Setting::Wireless);
         if (wireless && QString::fromUtf8(wireless->ssid()) != wifi.ssid) {
             wireless->setSsid(wifi.ssid.toUtf8());
             changed = true;
         }
+        changed |= updateWirelessSecurity(settings, wireless, wifi, security);
+        changed |= updateIpv4Of(settings, wifi.ipv4);
 
-        auto securitySetting =
-            settingOf<NetworkManager::WirelessSecuritySetting>(settings, NetworkManager::Setting::WirelessSecurity);
-        const bool wpa = security == QLatin1String("wpa1") || security == QLatin1String("wpa2")
-            || security == QLatin1String("wpa1-wpa2");
-        const bool wep = security == QLatin1String("wep");
-        if ((wpa || wep) && securitySetting) {
-            if (wpa) {
-                if (securitySetting->keyMgmt() != NetworkManager::WirelessSecuritySetting::WpaPsk) {
-                    securitySetting->setKeyMgmt(NetworkManager::WirelessSecuritySetting::WpaPsk);
-                    changed = true;
-                }
-                if (securitySetting->psk() != wifi.key) {
-                    securitySetting->setPsk(wifi.key);
-                    changed = true;
-                }
-            } else {
-                if (securitySetting->keyMgmt() != NetworkManager::WirelessSecuritySetting::Wep) {
-                    securitySetting->setKeyMgmt(NetworkManager::WirelessSecuritySetting::Wep);
-                    changed = true;
-                }
-                if (securitySetting->wepKey0() != wifi.key) {
-                    securitySetting->setWepKey0(wifi.key);
-                    changed = true;
-                }
-                securitySetting->setWepKeyType(NetworkManager::WirelessSecuritySetting::Passphrase);
-            }
-            securitySetting->setInitialized(true);
-            if (wireless) {
-                wireless->setSecurity(wirelessSecurityGroup);
-                wireless->setInitialized(true);
-            }
-        } else if (security == QLatin1String("unknown")) {
-            log(Log::Error, "Could not determine Wifi security for AP '%s'. Defaulting to 'none'.",
-                qPrintable(wifi.ssid));
-        }
-
-        auto ipv4 = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
-        if (ipv4 && updateIpv4Configuration(ipv4, wifi.ipv4)) {
-            changed = true;
-        }
         auto ipv6 = settingOf<NetworkManager::Ipv6Setting>(settings, NetworkManager::Setting::Ipv6);
         if (ipv6 && ipv6->method() != NetworkManager::Ipv6Setting::Ignored) {
             ipv6->setMethod(NetworkManager::Ipv6Setting::Ignored);
@@ -373,6 +316,45 @@ bool Engine::updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr se
         break;
     }
     return changed;
+}
+
+bool Engine::updateWirelessSecurity(NetworkManager::ConnectionSettings::Ptr settings,
+                                    NetworkManager::WirelessSetting::Ptr wireless, const Config::Wifi& wifi,
+                                    const QString& security)
+{
+    using Security = NetworkManager::WirelessSecuritySetting;
+    const bool wpa = security == QLatin1String("wpa1") || security == QLatin1String("wpa2")
+        || security == QLatin1String("wpa1-wpa2");
+    const bool wep = security == QLatin1String("wep");
+    if (security == QLatin1String("unknown")) {
+        log(Log::Error, "Could not determine Wifi security for AP '%s'. Defaulting to 'none'.", qPrintable(wifi.ssid));
+    }
+    auto securitySetting = settingOf<Security>(settings, NetworkManager::Setting::WirelessSecurity);
+    if (!(wpa || wep) || !securitySetting) {
+        return false;
+    }
+
+    bool changed = false;
+    if (wpa) {
+        changed |= updateValue(*securitySetting, &Security::keyMgmt, &Security::setKeyMgmt, Security::WpaPsk);
+        changed |= updateValue(*securitySetting, &Security::psk, &Security::setPsk, wifi.key);
+    } else {
+        changed |= updateValue(*securitySetting, &Security::keyMgmt, &Security::setKeyMgmt, Security::Wep);
+        changed |= updateValue(*securitySetting, &Security::wepKey0, &Security::setWepKey0, wifi.key);
+        securitySetting->setWepKeyType(Security::Passphrase);
+    }
+    securitySetting->setInitialized(true);
+    if (wireless) {
+        wireless->setSecurity(wirelessSecurityGroup);
+        wireless->setInitialized(true);
+    }
+    return changed;
+}
+
+bool Engine::updateIpv4Of(NetworkManager::ConnectionSettings::Ptr settings, const Config::Ipv4Config& ipv4)
+{
+    auto setting = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
+    return setting && updateIpv4Configuration(setting, ipv4);
 }
 
 bool Engine::updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4)
