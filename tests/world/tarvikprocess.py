@@ -3,9 +3,11 @@
 import glob
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import threading
 
 from processes import forget, kill_group, spawn
@@ -123,6 +125,12 @@ def config_text(config):
     return '\n'.join(lines)
 
 
+def under_tmp(path):
+    '''Whether a path lies in /tmp, which a tarvik with a private /tmp cannot see.'''
+    real = os.path.realpath(path)
+    return real == '/tmp' or real.startswith('/tmp/')
+
+
 def config_keys(path):
     '''The INI file as {"Group/key": text}, the form tarvik's configuration is compared in.'''
     keys, group = {}, None
@@ -160,6 +168,12 @@ class Tarvik:
         self.config_path = config_path or os.path.join(world.directory, 'tarvik.conf')
         self.cwd = cwd or world.directory
         self.tmp_dir = os.path.join(world.directory, 'private-tmp') if private_tmp else None
+        if self.tmp_dir and under_tmp(self.binary):
+            # A checkout in /tmp disappears behind the private /tmp: run a copy from the world directory.
+            handle, copy = tempfile.mkstemp(prefix='tarvik-', dir=world.directory)
+            os.close(handle)
+            shutil.copy2(self.binary, copy)
+            self.binary = copy
         self.net_dir = None
         if net_counters is not None:
             self.net_dir = os.path.join(world.directory, 'sys-class-net')

@@ -26,7 +26,7 @@ from mqttclient import DEFAULT_BASE, Message, MqttClient
 from processes import group_members, install_termination_handler, kill_group, spawn, wait_until
 from profiles import AP_SECURITY, ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
 from services import MM_BUS, NM_BUS, Bus, MockService, ModemManager, NetworkManager
-from tarvikprocess import SyslogRecord, Tarvik, config_keys, config_text
+from tarvikprocess import SyslogRecord, Tarvik, config_keys, config_text, under_tmp
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TEMPLATES = os.path.join(HERE, 'templates')
@@ -48,7 +48,7 @@ def world_parent_directory():
     Never /tmp: tarvik may run with a private /tmp. The bus socket path must stay short.'''
     parent = os.environ.get('TARVIK_WORLD_DIR')
     build = os.environ.get('TARVIK_BUILD_DIR')
-    if not parent and build and len(os.path.join(build, 'worlds')) < 60:
+    if not parent and build and len(os.path.join(build, 'worlds')) < 60 and not under_tmp(build):
         parent = os.path.join(build, 'worlds')
     parent = parent or '/var/tmp'
     os.makedirs(parent, exist_ok=True)
