@@ -15,7 +15,7 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, 'tests', 'world'))
+sys.path.insert(0, os.path.join(SOURCE, 'world'))
 
 import scenarios  # noqa: E402
 from world import MqttClient, World  # noqa: E402

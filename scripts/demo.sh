@@ -21,7 +21,7 @@ cleanup() {
 }
 trap cleanup INT TERM EXIT
 
-/usr/bin/python3 "$here/tests/world/world.py" --scenario demo --animate \
+/usr/bin/python3 "$here/world/world.py" --scenario demo --animate \
   --config-out "$workdir/tarvik.conf" --dir "$workdir/world" >"$workdir/world.out" 2>"$workdir/world.err" &
 world_pid=$!
 

@@ -10,7 +10,7 @@ import sys
 import pytest
 
 SOURCE_DIR = os.environ.get('TARVIK_SOURCE_DIR') or os.path.abspath(os.path.join(os.path.dirname(__file__), '..', '..'))
-sys.path.insert(0, os.path.join(SOURCE_DIR, 'tests', 'world'))
+sys.path.insert(0, os.path.join(SOURCE_DIR, 'world'))
 
 import scenarios  # noqa: E402,F401  (re-exported for the tests)
 from world import World  # noqa: E402

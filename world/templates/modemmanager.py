@@ -7,7 +7,7 @@ property carries the D-Bus type of the real daemon, because ModemManagerQt reads
 them one Get at a time.
 
 Tests steer it through methods on org.freedesktop.DBus.Mock at
-/org/freedesktop/ModemManager1 (see tests/world/README.md).
+/org/freedesktop/ModemManager1 (see world/README.md).
 '''
 
 import dbus

@@ -7,7 +7,7 @@ configurations. Activation walks the device through the daemon's own state
 sequence with StateChanged and org.freedesktop.DBus.Properties.PropertiesChanged.
 
 Tests steer it through methods on org.freedesktop.DBus.Mock at /org/freedesktop
-(see tests/world/README.md); world.py wraps them.
+(see world/README.md); world.py wraps them.
 '''
 
 import json
