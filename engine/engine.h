@@ -3,6 +3,7 @@
 #include "config/config.h"
 #include "ipc/ipc.h"
 #include "log/log.h"
+#include "vocabulary/valuenames.h"
 
 #include <NetworkManagerQt/AccessPoint>
 #include <NetworkManagerQt/ActiveConnection>
@@ -22,6 +23,7 @@
 #include <QTimer>
 
 #include <memory>
+#include <optional>
 
 namespace Tarvik {
 
@@ -96,17 +98,31 @@ private:
     void monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice);
     void scanWifiNetworks(NetworkManager::WirelessDevice::Ptr wireless);
 
+    // The profile a device is to hold: its name and type, and for Wi-Fi the
+    // access point it is activated on and what that asks for.
+    struct ProfileTarget {
+        QByteArray tag;
+        QString name;
+        NetworkManager::ConnectionSettings::ConnectionType type = NetworkManager::ConnectionSettings::Unknown;
+        QString accessPoint;
+        ApSecurity security = ApSecurity::None;
+    };
+
     // Provisioning (provisioning.cpp)
     void reload();
     void reloadDevice(NetworkManager::Device::Ptr device);
+    void publishConfigWhenVisible(NetworkManager::Device::Ptr device, NetworkManager::Connection::Ptr connection);
     NetworkManager::Connection::Ptr updateConnection(NetworkManager::Device::Ptr device, const Config& config);
-    bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
-                                  const QString& security);
-    bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4);
-    bool updateWirelessSecurity(NetworkManager::ConnectionSettings::Ptr settings,
-                                NetworkManager::WirelessSetting::Ptr wireless, const Config::Wifi& wifi,
-                                const QString& security);
-    bool updateIpv4Of(NetworkManager::ConnectionSettings::Ptr settings, const Config::Ipv4Config& ipv4);
+    // Logs why a device gets no profile (no cable, no SSID, out of range, another type).
+    std::optional<ProfileTarget> profileTarget(NetworkManager::Device::Ptr device, const Config& config);
+    NetworkManager::Connection::Ptr createConnection(NetworkManager::Device::Ptr device, const Config& config,
+                                                     const ProfileTarget& target);
+    bool configureSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
+                           const ProfileTarget& target);
+    bool sendUpdate(NetworkManager::Connection::Ptr connection, NetworkManager::ConnectionSettings::Ptr settings,
+                    bool clearSecrets, const ProfileTarget& target);
+    bool activate(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device,
+                  const ProfileTarget& target);
     NetworkManager::Connection::Ptr findConnection(const QString& name, NetworkManager::Device::Ptr device);
     NetworkManager::AccessPoint::Ptr findAccessPoint(NetworkManager::Device::Ptr device, const QString& ssid);
     void loadConnectionSecrets(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device);

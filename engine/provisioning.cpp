@@ -1,19 +1,19 @@
 #include "engine/engine.h"
+#include "engine/profilesettings.h"
 
 #include "vocabulary/devicestate.h"
 #include "vocabulary/valuenames.h"
 
 #include <NetworkManagerQt/GsmSetting>
-#include <NetworkManagerQt/Ipv6Setting>
 #include <NetworkManagerQt/Settings>
 #include <NetworkManagerQt/WiredDevice>
 #include <NetworkManagerQt/WirelessDevice>
 #include <NetworkManagerQt/WirelessNetwork>
 #include <NetworkManagerQt/WirelessSecuritySetting>
-#include <NetworkManagerQt/WirelessSetting>
 #include <QDBusPendingReply>
 #include <QDateTime>
-#include <QHostAddress>
+
+#include <memory>
 
 namespace Tarvik {
 
@@ -21,56 +21,11 @@ namespace {
 
 const QString wirelessSecurityGroup = QStringLiteral("802-11-wireless-security");
 const QString gsmGroup = QStringLiteral("gsm");
-const QString gsmDialNumber = QStringLiteral("*99#");
 
 template <typename T>
 QSharedPointer<T> settingOf(NetworkManager::ConnectionSettings::Ptr settings, NetworkManager::Setting::SettingType type)
 {
     return settings->setting(type).template staticCast<T>();
-}
-
-// Writes the wanted value through the setter when the getter reads another
-// one; true when it did.
-template <typename Object, typename Getter, typename Setter, typename Value>
-bool updateValue(Object& object, Getter get, Setter set, const Value& wanted)
-{
-    if ((object.*get)() == wanted) {
-        return false;
-    }
-    (object.*set)(wanted);
-    return true;
-}
-
-// Every update names the GSM password and PIN, empty when the profile holds
-// none; the group travels with profiles of every type.
-NMVariantMapMap updateMapOf(NetworkManager::ConnectionSettings::Ptr settings)
-{
-    NMVariantMapMap map = settings->toMap();
-    QVariantMap& gsm = map[gsmGroup];
-    if (!gsm.contains(QStringLiteral("password"))) {
-        gsm.insert(QStringLiteral("password"), QString());
-    }
-    if (!gsm.contains(QStringLiteral("pin"))) {
-        gsm.insert(QStringLiteral("pin"), QString());
-    }
-    return map;
-}
-
-QList<QHostAddress> dnsListOf(const Config::Ipv4Config& ipv4)
-{
-    QList<QHostAddress> dns;
-    for (const QString& server : {ipv4.dns0, ipv4.dns1}) {
-        if (!server.isEmpty()) {
-            dns.append(QHostAddress(server));
-        }
-    }
-    return dns;
-}
-
-bool sameAddresses(const QList<NetworkManager::IpAddress>& current, const NetworkManager::IpAddress& wanted)
-{
-    return current.size() == 1 && current.first().ip() == wanted.ip() && current.first().netmask() == wanted.netmask()
-        && current.first().gateway() == wanted.gateway();
 }
 
 } // namespace
@@ -97,7 +52,7 @@ void Engine::reload()
 void Engine::reloadDevice(NetworkManager::Device::Ptr device)
 {
     monitorDevice(device);
-    updateConnection(device, *m_config);
+    const NetworkManager::Connection::Ptr connection = updateConnection(device, *m_config);
 
     switch (device->type()) {
     case NetworkManager::Device::Ethernet: {
@@ -130,6 +85,82 @@ void Engine::reloadDevice(NetworkManager::Device::Ptr device)
         log(Log::Warning, "Skipping device: %s", qPrintable(device->interfaceName()));
         break;
     }
+    publishConfigWhenVisible(device, connection);
+}
+
+void Engine::publishConfigWhenVisible(NetworkManager::Device::Ptr device, NetworkManager::Connection::Ptr connection)
+{
+    if (!connection) {
+        return;
+    }
+    const QString path = connection->path();
+    for (const NetworkManager::Connection::Ptr& available : device->availableConnections()) {
+        if (available->path() == path) {
+            return;
+        }
+    }
+    // A profile just created joins the device's list a moment later, and the
+    // configuration document published until then describes no profile.
+    // The handler lives in the device object: it must not keep it alive.
+    const QWeakPointer<NetworkManager::Device> watched = device;
+    auto handler = std::make_shared<QMetaObject::Connection>();
+    *handler = connect(device.data(), &NetworkManager::Device::availableConnectionAppeared, this,
+                       [this, watched, path, handler](const QString& appeared) {
+                           const auto device = watched.toStrongRef();
+                           if (appeared != path || !device) {
+                               return;
+                           }
+                           disconnect(*handler);
+                           m_ipc->publishDeviceConfig(device);
+                       });
+}
+
+std::optional<Engine::ProfileTarget> Engine::profileTarget(NetworkManager::Device::Ptr device, const Config& config)
+{
+    ProfileTarget target;
+    target.tag = typeText(device->type());
+    const char* tag = target.tag.constData();
+
+    switch (device->type()) {
+    case NetworkManager::Device::Ethernet: {
+        auto wired = device.objectCast<NetworkManager::WiredDevice>();
+        if (!wired || !wired->carrier()) {
+            log(Log::Info, "[%s] Carrier not detected (cable unplugged). Will not attempt to connect.", tag);
+            return std::nullopt;
+        }
+        log(Log::Info, "[%s] Carrier detected (cable is plugged).", tag);
+        target.name = config.ethernet().id;
+        target.type = NetworkManager::ConnectionSettings::Wired;
+        return target;
+    }
+    case NetworkManager::Device::Wifi: {
+        const QString& ssid = config.wifi().ssid;
+        if (ssid.isEmpty()) {
+            log(Log::Info, "[%s] SSID not configured. Will not attempt to connect.", tag);
+            return std::nullopt;
+        }
+        auto accessPoint = findAccessPoint(device, ssid);
+        if (!accessPoint) {
+            log(Log::Info, "[Wifi] Configured access point '%s' not in range. Will not attempt to connect.",
+                qPrintable(ssid));
+            return std::nullopt;
+        }
+        target.name = ssid;
+        target.type = NetworkManager::ConnectionSettings::Wireless;
+        target.accessPoint = accessPoint->uni();
+        target.security = apSecurityOf(accessPoint);
+        return target;
+    }
+    case NetworkManager::Device::Modem:
+        target.name = config.modem().id;
+        target.type = NetworkManager::ConnectionSettings::Gsm;
+        return target;
+    default:
+        // NetworkManager would complete a profile without a type from the
+        // device and activate it, taking the link down each time.
+        log(Log::Info, "[%s] No configuration for this device type. Will not attempt to connect.", tag);
+        return std::nullopt;
+    }
 }
 
 NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device::Ptr device, const Config& config)
@@ -137,262 +168,123 @@ NetworkManager::Connection::Ptr Engine::updateConnection(NetworkManager::Device:
     if (!device || !device->isValid()) {
         return {};
     }
-
-    QString name = QStringLiteral("unknown");
-    QString accessPointPath;
-    QString security;
-    auto connectionType = NetworkManager::ConnectionSettings::Unknown;
-    const QByteArray type = typeText(device->type());
-
-    switch (device->type()) {
-    case NetworkManager::Device::Ethernet: {
-        name = config.ethernet().id;
-        auto wired = device.objectCast<NetworkManager::WiredDevice>();
-        if (!wired || !wired->carrier()) {
-            log(Log::Info, "[%s] Carrier not detected (cable unplugged). Will not attempt to connect.",
-                type.constData());
-            return {};
-        }
-        log(Log::Info, "[%s] Carrier detected (cable is plugged).", type.constData());
-        connectionType = NetworkManager::ConnectionSettings::Wired;
-        break;
+    const std::optional<ProfileTarget> target = profileTarget(device, config);
+    if (!target) {
+        return {};
     }
-    case NetworkManager::Device::Wifi: {
-        const QString& ssid = config.wifi().ssid;
-        if (ssid.isEmpty()) {
-            log(Log::Info, "[%s] SSID not configured. Will not attempt to connect.", type.constData());
-            return {};
-        }
-        auto accessPoint = findAccessPoint(device, ssid);
-        if (!accessPoint) {
-            log(Log::Info, "[Wifi] Configured access point '%s' not in range. Will not attempt to connect.",
-                qPrintable(ssid));
-            return {};
-        }
-        name = ssid;
-        accessPointPath = accessPoint->uni();
-        security = apSecurity(accessPoint);
-        connectionType = NetworkManager::ConnectionSettings::Wireless;
-        break;
-    }
-    case NetworkManager::Device::Modem:
-        name = config.modem().id;
-        connectionType = NetworkManager::ConnectionSettings::Gsm;
-        break;
-    default:
-        break;
-    }
-
-    log(Log::Info, "[%s] Checking connection: %s", type.constData(), qPrintable(name));
-    if (name.isEmpty()) {
+    const char* tag = target->tag.constData();
+    const QByteArray name = target->name.toLocal8Bit();
+    log(Log::Info, "[%s] Checking connection: %s", tag, name.constData());
+    if (target->name.isEmpty()) {
         return {};
     }
 
-    const auto activate = [&](NetworkManager::Connection::Ptr connection) {
-        QDBusPendingReply<QDBusObjectPath> reply =
-            NetworkManager::activateConnection(connection->path(), device->uni(), accessPointPath);
-        reply.waitForFinished();
-        if (!reply.isValid()) {
-            log(Log::Info, "[%s] Failed to activate connection: %s", type.constData(),
-                qPrintable(reply.error().message()));
-        }
-        return reply.isValid();
-    };
-
-    NetworkManager::Connection::Ptr connection = findConnection(name, device);
+    NetworkManager::Connection::Ptr connection = findConnection(target->name, device);
     if (!connection) {
-        log(Log::Info, "[%s] Connection '%s' does not exist. Creating and activating.", type.constData(),
-            qPrintable(name));
-        NetworkManager::ConnectionSettings::Ptr settings(new NetworkManager::ConnectionSettings(connectionType));
-        settings->setUuid(NetworkManager::ConnectionSettings::createNewUuid());
-        settings->setTimestamp(QDateTime::currentDateTime());
-        updateConnectionSettings(settings, config, security);
-
-        QDBusPendingReply<QDBusObjectPath, QDBusObjectPath> reply =
-            NetworkManager::addAndActivateConnection(settings->toMap(), device->uni(), accessPointPath);
-        reply.waitForFinished();
-        if (!reply.isValid()) {
-            log(Log::Info, "[%s] Failed to create connection '%s' : %s", type.constData(), qPrintable(name),
-                qPrintable(reply.error().message()));
-            return {};
-        }
-        log(Log::Info, "[%s] Connection '%s' created successfully.", type.constData(), qPrintable(name));
-        return NetworkManager::findConnection(reply.argumentAt<0>().path());
+        return createConnection(device, config, *target);
     }
 
-    log(Log::Info, "[%s] Connection '%s' already exists.", type.constData(), qPrintable(name));
+    log(Log::Info, "[%s] Connection '%s' already exists.", tag, name.constData());
     loadConnectionSecrets(connection, device);
-    NetworkManager::ConnectionSettings::Ptr settings = connection->settings();
-    if (updateConnectionSettings(settings, config, security)) {
-        log(Log::Info, "[%s] Connection settings have changed. Applying new settings.", type.constData());
-        QDBusPendingReply<> reply = connection->update(updateMapOf(settings));
-        reply.waitForFinished();
-        if (!reply.isValid()) {
-            log(Log::Info, "[%s] Failed to update connection '%s' : %s", type.constData(), qPrintable(name),
-                qPrintable(reply.error().message()));
+    const NetworkManager::ConnectionSettings::Ptr settings = connection->settings();
+    const bool clearSecrets = emptiesStoredSecrets(settings, config.modem());
+    if (configureSettings(settings, config, *target)) {
+        log(Log::Info, "[%s] Connection settings have changed. Applying new settings.", tag);
+        if (!sendUpdate(connection, settings, clearSecrets, *target) || !activate(connection, device, *target)) {
             return {};
         }
-        if (!activate(connection)) {
-            return {};
-        }
-        log(Log::Info, "[%s] Connection '%s' updated.", type.constData(), qPrintable(name));
+        log(Log::Info, "[%s] Connection '%s' updated.", tag, name.constData());
         return connection;
     }
 
-    log(Log::Info, "[%s] No update required for connection '%s'.", type.constData(), qPrintable(name));
+    log(Log::Info, "[%s] No update required for connection '%s'.", tag, name.constData());
     NetworkManager::ActiveConnection::Ptr active = device->activeConnection();
     if (active && active->connection() == connection) {
         return connection;
     }
-    log(Log::Info, "[%s] Connection '%s' not active. Activating.", type.constData(), qPrintable(name));
-    if (!activate(connection)) {
+    log(Log::Info, "[%s] Connection '%s' not active. Activating.", tag, name.constData());
+    if (!activate(connection, device, *target)) {
         return {};
     }
-    log(Log::Info, "[%s] Connection '%s' activated.", type.constData(), qPrintable(name));
+    log(Log::Info, "[%s] Connection '%s' activated.", tag, name.constData());
     return connection;
 }
 
-bool Engine::updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
-                                      const QString& security)
+NetworkManager::Connection::Ptr Engine::createConnection(NetworkManager::Device::Ptr device, const Config& config,
+                                                         const ProfileTarget& target)
 {
-    if (!settings) {
+    const char* tag = target.tag.constData();
+    const QByteArray name = target.name.toLocal8Bit();
+    log(Log::Info, "[%s] Connection '%s' does not exist. Creating and activating.", tag, name.constData());
+    NetworkManager::ConnectionSettings::Ptr settings(new NetworkManager::ConnectionSettings(target.type));
+    settings->setUuid(NetworkManager::ConnectionSettings::createNewUuid());
+    settings->setTimestamp(QDateTime::currentDateTime());
+    configureSettings(settings, config, target);
+
+    QDBusPendingReply<QDBusObjectPath, QDBusObjectPath> reply =
+        NetworkManager::addAndActivateConnection(settings->toMap(), device->uni(), target.accessPoint);
+    reply.waitForFinished();
+    if (!reply.isValid()) {
+        log(Log::Info, "[%s] Failed to create connection '%s' : %s", tag, name.constData(),
+            qPrintable(reply.error().message()));
+        return {};
+    }
+    log(Log::Info, "[%s] Connection '%s' created successfully.", tag, name.constData());
+    return NetworkManager::findConnection(reply.argumentAt<0>().path());
+}
+
+bool Engine::configureSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
+                               const ProfileTarget& target)
+{
+    if (target.security == ApSecurity::Unknown) {
+        log(Log::Error, "Could not determine Wifi security for AP '%s'. Defaulting to 'none'.",
+            qPrintable(target.name));
+    }
+    return updateConnectionSettings(settings, config, target.security);
+}
+
+bool Engine::sendUpdate(NetworkManager::Connection::Ptr connection, NetworkManager::ConnectionSettings::Ptr settings,
+                        bool clearSecrets, const ProfileTarget& target)
+{
+    const char* tag = target.tag.constData();
+    if (clearSecrets) {
+        QDBusPendingReply<> cleared = connection->clearSecrets();
+        cleared.waitForFinished();
+        if (!cleared.isValid()) {
+            log(Log::Info, "[%s] Failed to clear the secrets of connection '%s' : %s", tag,
+                qPrintable(target.name), qPrintable(cleared.error().message()));
+        }
+    }
+
+    const UpdateMap update = updateMapOf(settings);
+    QDBusPendingReply<> reply = connection->update(update.settings);
+    reply.waitForFinished();
+    if (!reply.isValid() && update.refusesAddedKey(reply.error().name(), reply.error().message())) {
+        log(Log::Info, "[%s] NetworkManager refused the empty GSM secrets of connection '%s' (%s). "
+                       "Updating without them.",
+            tag, qPrintable(target.name), qPrintable(reply.error().message()));
+        reply = connection->update(update.withoutAddedKeys());
+        reply.waitForFinished();
+    }
+    if (!reply.isValid()) {
+        log(Log::Info, "[%s] Failed to update connection '%s' : %s", tag, qPrintable(target.name),
+            qPrintable(reply.error().message()));
         return false;
     }
-    using Settings = NetworkManager::ConnectionSettings;
-    bool changed = false;
-
-    switch (settings->connectionType()) {
-    case Settings::Wired: {
-        const Config::Ethernet& ethernet = config.ethernet();
-        changed |= updateValue(*settings, &Settings::id, &Settings::setId, ethernet.id);
-        changed |= updateValue(*settings, &Settings::autoconnect, &Settings::setAutoconnect, ethernet.autocon);
-        changed |= updateIpv4Of(settings, ethernet.ipv4);
-        break;
-    }
-    case Settings::Gsm: {
-        const Config::Modem& modem = config.modem();
-        // Name and autoconnect are rewritten but, on their own, do not make
-        // the profile count as changed.
-        settings->setId(modem.id);
-        settings->setAutoconnect(modem.autocon);
-        using Gsm = NetworkManager::GsmSetting;
-        auto gsm = settingOf<Gsm>(settings, NetworkManager::Setting::Gsm);
-        if (gsm) {
-            changed |= updateValue(*gsm, &Gsm::apn, &Gsm::setApn, modem.apn);
-            changed |= updateValue(*gsm, &Gsm::username, &Gsm::setUsername, modem.username);
-            changed |= updateValue(*gsm, &Gsm::networkId, &Gsm::setNetworkId, modem.networkId);
-            changed |= updateValue(*gsm, &Gsm::password, &Gsm::setPassword, modem.password);
-            changed |= updateValue(*gsm, &Gsm::pin, &Gsm::setPin, modem.pin);
-            gsm->setNumber(gsmDialNumber);
-            gsm->setPasswordFlags(NetworkManager::Setting::None);
-            gsm->setPinFlags(NetworkManager::Setting::None);
-            gsm->setInitialized(true);
-        }
-        changed |= updateIpv4Of(settings, modem.ipv4);
-        break;
-    }
-    case Settings::Wireless: {
-        const Config::Wifi& wifi = config.wifi();
-        changed |= updateValue(*settings, &Settings::id, &Settings::setId, wifi.ssid);
-        changed |= updateValue(*settings, &Settings::autoconnect, &Settings::setAutoconnect, wifi.autocon);
-
-        auto wireless = settingOf<NetworkManager::WirelessSetting>(settings, NetworkManager::Setting::Wireless);
-        if (wireless && QString::fromUtf8(wireless->ssid()) != wifi.ssid) {
-            wireless->setSsid(wifi.ssid.toUtf8());
-            changed = true;
-        }
-        changed |= updateWirelessSecurity(settings, wireless, wifi, security);
-        changed |= updateIpv4Of(settings, wifi.ipv4);
-
-        auto ipv6 = settingOf<NetworkManager::Ipv6Setting>(settings, NetworkManager::Setting::Ipv6);
-        if (ipv6 && ipv6->method() != NetworkManager::Ipv6Setting::Ignored) {
-            ipv6->setMethod(NetworkManager::Ipv6Setting::Ignored);
-            ipv6->setInitialized(true);
-            changed = true;
-        }
-        break;
-    }
-    default:
-        break;
-    }
-    return changed;
+    return true;
 }
 
-bool Engine::updateWirelessSecurity(NetworkManager::ConnectionSettings::Ptr settings,
-                                    NetworkManager::WirelessSetting::Ptr wireless, const Config::Wifi& wifi,
-                                    const QString& security)
+bool Engine::activate(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device,
+                      const ProfileTarget& target)
 {
-    using Security = NetworkManager::WirelessSecuritySetting;
-    const bool wpa = security == QLatin1String("wpa1") || security == QLatin1String("wpa2")
-        || security == QLatin1String("wpa1-wpa2");
-    const bool wep = security == QLatin1String("wep");
-    if (security == QLatin1String("unknown")) {
-        log(Log::Error, "Could not determine Wifi security for AP '%s'. Defaulting to 'none'.", qPrintable(wifi.ssid));
+    QDBusPendingReply<QDBusObjectPath> reply =
+        NetworkManager::activateConnection(connection->path(), device->uni(), target.accessPoint);
+    reply.waitForFinished();
+    if (!reply.isValid()) {
+        log(Log::Info, "[%s] Failed to activate connection: %s", target.tag.constData(),
+            qPrintable(reply.error().message()));
     }
-    auto securitySetting = settingOf<Security>(settings, NetworkManager::Setting::WirelessSecurity);
-    if (!(wpa || wep) || !securitySetting) {
-        return false;
-    }
-
-    bool changed = false;
-    if (wpa) {
-        changed |= updateValue(*securitySetting, &Security::keyMgmt, &Security::setKeyMgmt, Security::WpaPsk);
-        changed |= updateValue(*securitySetting, &Security::psk, &Security::setPsk, wifi.key);
-    } else {
-        changed |= updateValue(*securitySetting, &Security::keyMgmt, &Security::setKeyMgmt, Security::Wep);
-        changed |= updateValue(*securitySetting, &Security::wepKey0, &Security::setWepKey0, wifi.key);
-        securitySetting->setWepKeyType(Security::Passphrase);
-    }
-    securitySetting->setInitialized(true);
-    if (wireless) {
-        wireless->setSecurity(wirelessSecurityGroup);
-        wireless->setInitialized(true);
-    }
-    return changed;
-}
-
-bool Engine::updateIpv4Of(NetworkManager::ConnectionSettings::Ptr settings, const Config::Ipv4Config& ipv4)
-{
-    auto setting = settingOf<NetworkManager::Ipv4Setting>(settings, NetworkManager::Setting::Ipv4);
-    return setting && updateIpv4Configuration(setting, ipv4);
-}
-
-bool Engine::updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4)
-{
-    bool changed = false;
-
-    if (ipv4.method == QLatin1String("auto")) {
-        if (setting->method() != NetworkManager::Ipv4Setting::Automatic) {
-            setting->setAddresses({});
-            setting->setMethod(NetworkManager::Ipv4Setting::Automatic);
-            changed = true;
-        }
-    } else if (ipv4.method == QLatin1String("manual")) {
-        NetworkManager::IpAddress address;
-        address.setIp(QHostAddress(ipv4.address));
-        address.setNetmask(QHostAddress(ipv4.netmask));
-        address.setGateway(QHostAddress(ipv4.gateway));
-
-        if (setting->method() != NetworkManager::Ipv4Setting::Manual) {
-            setting->setMethod(NetworkManager::Ipv4Setting::Manual);
-            changed = true;
-        }
-        if (!sameAddresses(setting->addresses(), address)) {
-            setting->setAddresses({address});
-            changed = true;
-        }
-        const QList<QHostAddress> dns = dnsListOf(ipv4);
-        if (setting->dns() != dns) {
-            setting->setDns(dns);
-            changed = true;
-        }
-    } else if (setting->method() != NetworkManager::Ipv4Setting::LinkLocal) {
-        setting->setMethod(NetworkManager::Ipv4Setting::LinkLocal);
-        changed = true;
-    }
-
-    setting->setInitialized(true);
-    return changed;
+    return reply.isValid();
 }
 
 // Keys and passwords are not part of the settings NetworkManager hands out:

@@ -203,30 +203,47 @@ QString apModeToString(NetworkManager::AccessPoint::OperationMode mode)
     return lookup(table, int(mode), unknownText());
 }
 
-QString apSecurity(NetworkManager::AccessPoint::Ptr ap)
+ApSecurity apSecurityOf(NetworkManager::AccessPoint::Ptr ap)
 {
     if (!ap)
-        return unknownText();
+        return ApSecurity::Unknown;
     return apSecurityFromFlags(uint(ap->capabilities()), int(ap->wpaFlags()), int(ap->rsnFlags()));
 }
 
-QString apSecurityFromFlags(uint capabilities, int wpaFlags, int rsnFlags)
+ApSecurity apSecurityFromFlags(uint capabilities, int wpaFlags, int rsnFlags)
 {
     if (capabilities == 0 && wpaFlags == 0 && rsnFlags == 0)
-        return QStringLiteral("none");
+        return ApSecurity::None;
 
     // Flags without the privacy bit say nothing trustworthy: such a network is
     // reported as unknown rather than as open.
     const bool privacy = capabilities & NetworkManager::AccessPoint::Privacy;
     if (privacy && wpaFlags == 0 && rsnFlags == 0)
-        return QStringLiteral("wep");
+        return ApSecurity::Wep;
     if (privacy && wpaFlags > 0 && rsnFlags == 0)
-        return QStringLiteral("wpa1");
+        return ApSecurity::Wpa1;
     if (privacy && wpaFlags == 0 && rsnFlags > 0)
-        return QStringLiteral("wpa2");
+        return ApSecurity::Wpa2;
     if (privacy && wpaFlags > 0 && rsnFlags > 0)
-        return QStringLiteral("wpa1-wpa2");
-    return unknownText();
+        return ApSecurity::Wpa1Wpa2;
+    return ApSecurity::Unknown;
+}
+
+QString apSecurityToString(ApSecurity security)
+{
+    static const QMap<ApSecurity, QString> table {
+        { ApSecurity::None, "none" },
+        { ApSecurity::Wep, "wep" },
+        { ApSecurity::Wpa1, "wpa1" },
+        { ApSecurity::Wpa2, "wpa2" },
+        { ApSecurity::Wpa1Wpa2, "wpa1-wpa2" },
+    };
+    return lookup(table, security, unknownText());
+}
+
+QString apSecurity(NetworkManager::AccessPoint::Ptr ap)
+{
+    return apSecurityToString(apSecurityOf(ap));
 }
 
 QString apCapabilitiesTostring(NetworkManager::AccessPoint::Capabilities capabilities)

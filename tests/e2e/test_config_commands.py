@@ -3,8 +3,12 @@ device reprovisioned in the simulated NetworkManager, and their error documents.
 
 import re
 
+import pytest
+
 import scenarios
-from world import config_keys, u32_to_ip4
+import engineflow
+from engineflow import addresses, dns, sync
+from world import config_keys
 
 BASE = "tolv/network"
 
@@ -54,35 +58,65 @@ def test_wifi_set_with_only_ssid_and_key_empties_ipv4_and_gives_a_link_local_pro
     assert client.messages(BASE + "/error") == []
 
 
-def test_ethernet_static_address_is_applied_and_activated(world):
-    eth = scenarios.ethernet(world)
-    tarvik, client = start(world)
-    tarvik.wait_for_log(re.escape("[Engine] [Ethernet] Connection 'Ethernet' activated."))
-    world.nm.wait_device_state(eth.device, 100)
+STATIC = {"method": "manual", "address": "192.168.50.7", "netmask": "255.255.255.0", "gateway": "192.168.50.1",
+          "dns0": "192.168.50.1", "dns1": "9.9.9.9"}
+STATIC_STORED = {"method": "manual", "address-data": [("192.168.50.7", 24)],
+                 "addresses": [("192.168.50.7", 24, "192.168.50.1")], "gateway": "192.168.50.1",
+                 "dns": ["192.168.50.1", "9.9.9.9"]}
+NO_ADDRESSES = {"address-data": [], "addresses": [], "gateway": None}
+# Each step: the IPv4 part of a set command and the profile NetworkManager must then hold. DHCP keeps the
+# name servers; link-local may hold none.
+IPV4_STEPS = [
+    (STATIC, STATIC_STORED),
+    ({"method": "auto"}, {"method": "auto", **NO_ADDRESSES, "dns": ["192.168.50.1", "9.9.9.9"]}),
+    ({"method": "link-local"}, {"method": "link-local", **NO_ADDRESSES, "dns": []}),
+    (STATIC, STATIC_STORED),
+]
+# Per device kind: how to build it, its interface, and what every set command carries besides IPv4.
+KINDS = {
+    "ethernet": (lambda w: scenarios.ethernet(w, active=True), "eth0", {}),
+    "wifi": (lambda w: scenarios.wifi(w, profile_ssid="HomeNet", key="homenet-secret", active=True), "wlan0",
+             {"ssid": "HomeNet", "key": "homenet-secret"}),
+    "modem": (lambda w: scenarios.modem(w, profile="Broadband", active=True), "cdc-wdm0",
+              {"apn": "internet", "username": "alice", "password": "s3cret"}),
+}
 
-    client.command("ethernet/config/set", {
-        "interface": "eth0", "method": "manual", "address": "192.168.50.7", "netmask": "255.255.255.0",
-        "gateway": "192.168.50.1", "dns0": "192.168.50.1", "dns1": "9.9.9.9"})
-    tarvik.wait_for_log(re.escape("[Engine] [Ethernet] Connection settings have changed. Applying new settings."))
-    tarvik.wait_for_log(re.escape("[Engine] [Ethernet] Connection 'Ethernet' updated."))
 
-    assert config_keys(tarvik.config_path) == full_file(world, Ethernet={
-        "method": "manual", "address": "192.168.50.7", "mask": "255.255.255.0", "gateway": "192.168.50.1",
-        "dns0": "192.168.50.1", "dns1": "9.9.9.9"})
-    ipv4 = world.nm.connection_settings(eth.connection)["ipv4"]
-    assert ipv4["method"] == "manual"
-    assert [(a["address"], a["prefix"]) for a in ipv4["address-data"]] == [("192.168.50.7", 24)]
-    assert ipv4["gateway"] == "192.168.50.1"
-    assert [u32_to_ip4(d) for d in ipv4["dns"]] == ["192.168.50.1", "9.9.9.9"]
+def stored_ipv4(world, connection):
+    ipv4 = world.nm.connection_settings(connection)["ipv4"]
+    return {"method": ipv4["method"],
+            "address-data": [(a["address"], int(a["prefix"])) for a in ipv4.get("address-data", [])],
+            "addresses": addresses(ipv4), "gateway": ipv4.get("gateway"), "dns": dns(ipv4)}
 
-    connected = client.wait_for(BASE + "/ethernet/state", predicate=lambda m: m.json["state"] == 4
-                                and (m.json["ipv4"] or {}).get("address") == "192.168.50.7")
-    assert connected.json["ipv4"]["gateway"] == "192.168.50.1"
-    client.command("ethernet/config/get", {"interface": "eth0"})
-    config = client.wait_for(BASE + "/ethernet/config", predicate=lambda m: m.json.get("method") == "manual")
-    assert config.json == {"interface": "eth0", "method": "manual", "address": "192.168.50.7",
-                           "netmask": "255.255.255.0", "gateway": "192.168.50.1", "dns0": "192.168.50.1",
-                           "dns1": "9.9.9.9"}
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_set_commands_end_with_the_profile_asked_for(world, mqtt, kind):
+    build, interface, extra = KINDS[kind]
+    device = build(world)
+    client = mqtt
+    engineflow.start(world, client, config={"Wifi": {"ssid": "HomeNet", "key": "homenet-secret"},
+                                            "Modem": {"username": "alice", "password": "s3cret"}})
+
+    for payload, expected in IPV4_STEPS:
+        world.nm.clear_calls()
+        client.command(f"{kind}/config/set", {"interface": interface, **extra, **payload})
+        sync(client)
+        assert stored_ipv4(world, device.connection) == expected, payload
+        assert [c["method"] for c in world.nm.calls() if c["method"] in ("Update", "ActivateConnection")][-1] == \
+            "ActivateConnection", payload
+    assert client.messages(BASE + "/error") == []
+
+    if kind == "wifi":
+        client.command("wifi/config/set", {"interface": interface, "ssid": "HomeNet", "key": "new-secret-5678"})
+        sync(client)
+        assert world.nm.connection_secrets(device.connection, "802-11-wireless-security") == {"psk": "new-secret-5678"}
+    if kind == "modem":
+        # Emptying the password must leave none stored, not keep the old one.
+        client.command("modem/config/set", {"interface": interface, "apn": "telco.example", "username": "bob"})
+        sync(client)
+        gsm = world.nm.connection_settings(device.connection)["gsm"]
+        assert (gsm["apn"], gsm["username"]) == ("telco.example", "bob")
+        assert world.nm.connection_secrets(device.connection, "gsm") == {}
 
 
 def test_unknown_or_mistyped_devices_are_answered_with_the_historic_command_names(world):

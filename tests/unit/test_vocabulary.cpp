@@ -170,7 +170,7 @@ private slots:
         QFETCH(int, wpa);
         QFETCH(int, rsn);
         QFETCH(QString, security);
-        QCOMPARE(apSecurityFromFlags(capabilities, wpa, rsn), security);
+        QCOMPARE(apSecurityToString(apSecurityFromFlags(capabilities, wpa, rsn)), security);
     }
 
     void accessPointWithoutObjectOrPrivacy()

@@ -45,7 +45,7 @@ PROPS_IFACE = 'org.freedesktop.DBus.Properties'
 NM_AP_PREFIX = '/org/freedesktop/NetworkManager/AccessPoint/'
 
 # Device types and states as numbered by the daemon.
-TYPE_ETHERNET, TYPE_WIFI, TYPE_MODEM = 1, 2, 8
+TYPE_ETHERNET, TYPE_WIFI, TYPE_MODEM, TYPE_VETH = 1, 2, 8, 20
 STATE_UNMANAGED, STATE_UNAVAILABLE, STATE_DISCONNECTED = 10, 20, 30
 STATE_PREPARE, STATE_CONFIG, STATE_NEED_AUTH, STATE_IP_CONFIG = 40, 50, 60, 70
 STATE_IP_CHECK, STATE_SECONDARIES, STATE_ACTIVATED = 80, 90, 100
@@ -281,9 +281,21 @@ def normalize(settings):
 
 
 def normalize_ipv4(ipv4):
-    '''Keeps the legacy "addresses" (gateway in the first entry) and "address-data" in step.'''
+    '''The daemon's reading of the two address forms, both returned by GetSettings.
+
+    When a client sends the legacy "addresses", they win and the gateway comes from their first entry
+    ("address-data" and "gateway" are ignored); otherwise "address-data" and "gateway" are used.'''
     ipv4.setdefault('method', dbus.String('auto'))
-    if 'address-data' in ipv4 and 'addresses' not in ipv4:
+    if 'addresses' in ipv4:
+        data = [dbus.Dictionary({'address': dbus.String(u32_to_ip4(item[0])), 'prefix': u32(item[1])},
+                                signature='sv') for item in ipv4['addresses']]
+        ipv4['address-data'] = dbus.Array(data, signature='a{sv}')
+        first_gateway = int(ipv4['addresses'][0][2]) if len(ipv4['addresses']) else 0
+        if first_gateway:
+            ipv4['gateway'] = dbus.String(u32_to_ip4(first_gateway))
+        else:
+            ipv4.pop('gateway', None)
+    elif 'address-data' in ipv4:
         gateway = str(ipv4.get('gateway', '')) or '0.0.0.0'
         legacy = []
         for index, item in enumerate(ipv4['address-data']):
@@ -291,14 +303,28 @@ def normalize_ipv4(ipv4):
             legacy.append(dbus.Array([u32(ip4_to_u32(str(item['address']))), u32(item['prefix']), u32(gw)],
                                      signature='u'))
         ipv4['addresses'] = dbus.Array(legacy, signature='au')
-    elif 'addresses' in ipv4 and 'address-data' not in ipv4:
-        data = []
-        for index, item in enumerate(ipv4['addresses']):
-            data.append(dbus.Dictionary({'address': dbus.String(u32_to_ip4(item[0])), 'prefix': u32(item[1])},
-                                        signature='sv'))
-            if index == 0 and int(item[2]) != 0 and 'gateway' not in ipv4:
-                ipv4['gateway'] = dbus.String(u32_to_ip4(item[2]))
-        ipv4['address-data'] = dbus.Array(data, signature='a{sv}')
+
+
+def invalid_property(message):
+    return dbus.exceptions.DBusException(message, name=CONNECTION_IFACE + '.InvalidProperty')
+
+
+def verify(sent, settings):
+    '''Refuses what the daemon's profile verification refuses, as far as clients can send it.
+
+    sent is the map as the client sent it, settings the same map once the address forms are resolved.'''
+    gsm = sent.get('gsm', {})
+    if 'password' in gsm and str(gsm['password']) == '':
+        raise invalid_property('gsm.password: property is empty')
+    ipv4 = settings.get('ipv4', {})
+    method = str(ipv4.get('method', 'auto'))
+    if method in ('link-local', 'disabled'):
+        for key in ('addresses', 'dns'):
+            if len(ipv4.get(key, [])):
+                raise invalid_property(f"ipv4.{key}: this property is not allowed for 'method={method}'")
+    if method == 'manual' and not len(ipv4.get('addresses', [])):
+        raise dbus.exceptions.DBusException("ipv4.addresses: this property cannot be empty for 'method=manual'",
+                                            name=CONNECTION_IFACE + '.MissingProperty')
 
 
 def connection_type(settings):
@@ -319,9 +345,15 @@ def device_iface(device):
     return str(prop(device, DEVICE_IFACE, 'Interface'))
 
 
+# What the daemon completes a profile without a type to, from the device it is activated on.
+CONNECTION_TYPE_OF_DEVICE = {TYPE_ETHERNET: '802-3-ethernet', TYPE_VETH: '802-3-ethernet',
+                             TYPE_WIFI: '802-11-wireless', TYPE_MODEM: 'gsm'}
+
+
 def compatible(settings, device):
+    device_type = int(prop(device, DEVICE_IFACE, 'DeviceType'))
     wanted = DEVICE_TYPE_OF_CONNECTION.get(connection_type(settings))
-    if wanted is None or int(prop(device, DEVICE_IFACE, 'DeviceType')) != wanted:
+    if wanted != device_type and not (wanted == TYPE_ETHERNET and device_type == TYPE_VETH):
         return False
     name = str(settings.get('connection', {}).get('interface-name', ''))
     return not name or name == device_iface(device)
@@ -353,7 +385,8 @@ def connection_methods():
 
 def add_connection(settings):
     '''Stores a new profile; its secrets go to a store of their own.'''
-    settings = normalize(settings)
+    sent, settings = settings, normalize(settings)
+    verify(sent, settings)
     clean, secrets = split_secrets(settings)
     path = f'{SETTINGS_OBJ}/{W.next_number("connection")}'
     add_object(path, CONNECTION_IFACE,
@@ -394,7 +427,8 @@ def require_connection(path):
 def connection_update(self, settings):
     record = require_connection(self.path)
     check_valid_type(settings)
-    settings = normalize(settings)
+    sent, settings = settings, normalize(settings)
+    verify(sent, settings)
     clean, secrets = split_secrets(settings)
     record['settings'] = clean
     if carries_secrets(settings):
@@ -581,14 +615,24 @@ def manager_activate_connection(self, connection, device, specific):
 
 @entry('AddAndActivateConnection')
 def manager_add_and_activate_connection(self, settings, device, specific):
-    check_valid_type(settings)
     settings = {str(g): dbus.Dictionary(v, signature='sv') for g, v in settings.items()}
+    if str(device) != '/':
+        complete_type(settings, require_device(device))
+    check_valid_type(settings)
     device = pick_device(settings) if str(device) == '/' else require_device(device)
     complete(settings, device, str(specific))
     check_available(settings, device, settings['connection'].get('id', ''))
     connection = add_connection(settings)
     active = activate(connection, device, str(specific), instant=False)
     return (dbus.ObjectPath(connection), dbus.ObjectPath(active))
+
+
+def complete_type(settings, device):
+    '''A profile without a type takes the type of a managed device instead of being refused.'''
+    con = settings.setdefault('connection', dbus.Dictionary({}, signature='sv'))
+    completed = CONNECTION_TYPE_OF_DEVICE.get(int(prop(device, DEVICE_IFACE, 'DeviceType')))
+    if not str(con.get('type', '')) and completed and bool(prop(device, DEVICE_IFACE, 'Managed')):
+        con['type'] = dbus.String(completed)
 
 
 def complete(settings, device, specific):
