@@ -1,5 +1,6 @@
 #include "engine/engine.h"
 
+#include "vocabulary/clienttext.h"
 #include "vocabulary/valuenames.h"
 
 #include <NetworkManagerQt/WirelessDevice>
@@ -18,8 +19,11 @@ QString requestedInterface(const QJsonObject& payload)
 
 QString invalidDeviceText(const QJsonObject& payload)
 {
-    return QStringLiteral("Invalid device specified: ") + requestedInterface(payload);
+    return QStringLiteral("Invalid device specified: ") + clientText(requestedInterface(payload));
 }
+
+// The kernel's limit: a longer name cannot name a device.
+constexpr int maxInterfaceNameBytes = 15;
 
 } // namespace
 
@@ -114,7 +118,8 @@ void Engine::onIPCCommandReceived(const QString& command, const QJsonObject& dat
 NetworkManager::Device::Ptr Engine::findDevice(const QString& name, NetworkManager::Device::Type type)
 {
     const bool anyType = type == NetworkManager::Device::UnknownType;
-    if (!name.isEmpty() || !anyType) {
+    const bool possibleName = name.toUtf8().size() <= maxInterfaceNameBytes;
+    if (possibleName && (!name.isEmpty() || !anyType)) {
         const auto devices = NetworkManager::networkInterfaces();
         for (const NetworkManager::Device::Ptr& device : devices) {
             const bool nameMatches = name.isEmpty() || device->interfaceName() == name;
@@ -123,7 +128,7 @@ NetworkManager::Device::Ptr Engine::findDevice(const QString& name, NetworkManag
                 return device;
         }
     }
-    log(Log::Error, "ERROR: Could not find device with name=%s and type=%s", name.toLocal8Bit().constData(),
+    log(Log::Error, "ERROR: Could not find device with name=%s and type=%s", clientText(name).toLocal8Bit().constData(),
         typeText(type).constData());
     return {};
 }
@@ -157,15 +162,10 @@ void Engine::processEthernetStateGetCommand(const QJsonObject& payload)
 
 void Engine::processEthernetConfigGetCommand(const QJsonObject& payload)
 {
-    const QString command = QStringLiteral("ethernet/config/get");
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Ethernet, command);
-    if (!device)
-        return;
-    if (device->type() != NetworkManager::Device::Ethernet) {
-        m_ipc->publishError(command, QStringLiteral("Not an Ethernet device: ") + requestedInterface(payload));
-        return;
-    }
-    m_ipc->publishDeviceConfig(device);
+    const auto device = findRequestedDevice(payload, NetworkManager::Device::Ethernet,
+                                            QStringLiteral("ethernet/config/get"));
+    if (device)
+        m_ipc->publishDeviceConfig(device);
 }
 
 void Engine::processWifiStateGetCommand(const QJsonObject& payload)

@@ -128,6 +128,8 @@ private:
     void loadConnectionSecrets(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device);
 
     // Configuration commands (configcommands.cpp)
+    // Publishes why the record cannot be written, when it cannot.
+    bool acceptIpv4(const Config::Ipv4Config& ipv4, const QString& errorCommand);
     void processEthernetConfigSetCommand(const QJsonObject& payload);
     void processWifiConfigSetCommand(const QJsonObject& payload);
     void processModemConfigSetCommand(const QJsonObject& payload);

@@ -1,9 +1,9 @@
 #include "ipc/ipc.h"
 
+#include "ipc/commandintake.h"
 #include "vocabulary/valuenames.h"
 
 #include <QJsonDocument>
-#include <QJsonParseError>
 #include <QTimer>
 
 #include <cstdarg>
@@ -121,24 +121,16 @@ void IPC::onMqttErrorChanged(Tarvik::MqttClient::ClientError err)
 void IPC::onMqttMessage(const QByteArray& message, const QString& topic)
 {
     log(Log::Info, "Message Received [%s]", topic.toLatin1().constData());
-
-    QString command = topic;
-    command.remove(topicBase() + "/");
-    log(Log::Debug, "Command : %s", command.toLocal8Bit().constData());
+    const Command command = parseCommand(topic, message, topicBase());
+    log(Log::Debug, "Command : %s", command.name.toLocal8Bit().constData());
     log(Log::Debug, "Data    : %s", message.constData());
 
-    QJsonDocument document;
-    if (!message.isEmpty()) {
-        QJsonParseError parseError;
-        document = QJsonDocument::fromJson(message, &parseError);
-        if (parseError.error != QJsonParseError::NoError) {
-            const QString reason = parseError.errorString();
-            log(Log::Error, "Json parse error: %s", reason.toLocal8Bit().constData());
-            publishError(command, "Json parse error: " + reason);
-            return;
-        }
+    if (!command.error.isEmpty()) {
+        log(Log::Error, "%s", command.error.toLocal8Bit().constData());
+        publishError(command.name, command.error);
+        return;
     }
-    emit commandReceived(command, document.object());
+    emit commandReceived(command.name, command.data);
 }
 
 void IPC::subscribe(const QString& filter)

@@ -12,6 +12,11 @@ bool Log_colorEnable = false;
 
 const char* const resetCode = "\033[39m";
 
+// A message longer than this is cut: one syslog datagram must carry it, or the
+// C library falls back to writing on the console, slowly.
+constexpr size_t maxMessageBytes = 2048;
+const char* const cutMark = "...";
+
 double wallClockMs()
 {
     timespec now{};
@@ -53,18 +58,6 @@ const char* colorOf(Log::Level level)
     return "";
 }
 
-std::string Log_format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-std::string Log_format(const char* format, ...)
-{
-    char buffer[512];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(buffer, sizeof(buffer), format, args);
-    va_end(args);
-    return buffer;
-}
-
 std::string Log_formatColor(Log::Level level, const char* text)
 {
     std::string result(colorOf(level));
@@ -76,6 +69,33 @@ std::string Log_formatColor(Log::Level level, const char* text)
 } // namespace
 
 namespace Log {
+
+std::string printable(const std::string& text, size_t maxBytes)
+{
+    std::string result;
+    for (const char c : text) {
+        if (result.size() >= maxBytes) {
+            result.resize(maxBytes);
+            result.append(cutMark);
+            break;
+        }
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            result.push_back(c);
+        } else if (byte == '\n') {
+            result.append("\\n");
+        } else if (byte == '\t') {
+            result.append("\\t");
+        } else if (byte == '\r') {
+            result.append("\\r");
+        } else {
+            char escaped[5];
+            snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
+            result.append(escaped);
+        }
+    }
+    return result;
+}
 
 bool open(const char* ident, bool toStderr, bool color)
 {
@@ -101,13 +121,13 @@ void setLevel(Level level)
 
 void vprint(Level level, const char* format, va_list args)
 {
-    const int priority = priorityOf(level);
-    std::string combined = Log_format("[%9.03f] ", elapsedSeconds());
-    if (Log_colorEnable)
-        combined.append(Log_formatColor(level, format));
-    else
-        combined.append(format);
-    vsyslog(priority, combined.c_str(), args);
+    // setlogmask(0) only reads the mask: messages it drops cost no formatting.
+    if (!(setlogmask(0) & LOG_MASK(priorityOf(level))))
+        return;
+    // Formatted here rather than by syslog, so that the arguments can be made printable.
+    char message[maxMessageBytes + 2];
+    vsnprintf(message, sizeof(message), format, args);
+    print(level, std::string(message));
 }
 
 void print(Level level, const char* format, ...)
@@ -122,10 +142,11 @@ void print(Level level, const std::string& text)
 {
     const int priority = priorityOf(level);
     const double elapsed = elapsedSeconds();
+    const std::string message = printable(text, maxMessageBytes);
     if (Log_colorEnable)
-        syslog(priority, "[%9.03f] %s", elapsed, Log_formatColor(level, text.c_str()).c_str());
+        syslog(priority, "[%9.03f] %s", elapsed, Log_formatColor(level, message.c_str()).c_str());
     else
-        syslog(priority, "[%9.03f] %s", elapsed, text.c_str());
+        syslog(priority, "[%9.03f] %s", elapsed, message.c_str());
 }
 
 void error(const char* format, ...)

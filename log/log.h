@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <string>
 
 // Diagnostic output of tarvik: syslog (facility local1), optionally mirrored to
@@ -21,6 +22,11 @@ void setLevel(Level level);
 void vprint(Level level, const char* format, va_list args);
 void print(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void print(Level level, const std::string& text);
+
+// Text from clients and daemons as it may appear in a message: control
+// characters escaped ("\n", "\x1b"), cut after maxBytes with "..." added.
+// Every message passes through it.
+std::string printable(const std::string& text, size_t maxBytes);
 
 void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void warning(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -88,43 +88,56 @@ def test_modem_stats_get_answers_with_qos_0(scene):
     assert msg.json == {}
 
 
+LONG_NAME = "x" * 100
 ERRORS = [
     # command, payload, error document, log line
-    ("bogus/get", {}, "Unsupported command", "Unsupported command 'bogus/get'"),
-    ("WIFI/STATE/get", {}, "Unsupported command", "Unsupported command 'WIFI/STATE/get'"),
-    ("Wifi/state/get", {}, "Unsupported command", "Unsupported command 'Wifi/state/get'"),
-    ("wifi//get", {}, "Unsupported command", "Unsupported command 'wifi//get'"),
-    ("ethernet/state/set", {}, "Unsupported command", "Unsupported command 'ethernet/state/set'"),
+    ("bogus/get", {}, "Unsupported command", "[Engine] Unsupported command 'bogus/get'"),
+    ("WIFI/STATE/get", {}, "Unsupported command", "[Engine] Unsupported command 'WIFI/STATE/get'"),
+    ("Wifi/state/get", {}, "Unsupported command", "[Engine] Unsupported command 'Wifi/state/get'"),
+    ("wifi//get", {}, "Unsupported command", "[Engine] Unsupported command 'wifi//get'"),
+    ("ethernet/state/set", {}, "Unsupported command", "[Engine] Unsupported command 'ethernet/state/set'"),
     ("ethernet/state/get", {"interface": "eth9"}, "Invalid device specified: eth9",
-     "ERROR: Could not find device with name=eth9 and type=Ethernet"),
+     "[Engine] ERROR: Could not find device with name=eth9 and type=Ethernet"),
     ("ethernet/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
-     "ERROR: Could not find device with name=wlan0 and type=Ethernet"),
+     "[Engine] ERROR: Could not find device with name=wlan0 and type=Ethernet"),
     ("ethernet/config/get", {"interface": "cdc-wdm0"}, "Invalid device specified: cdc-wdm0",
-     "ERROR: Could not find device with name=cdc-wdm0 and type=Ethernet"),
+     "[Engine] ERROR: Could not find device with name=cdc-wdm0 and type=Ethernet"),
     ("wifi/state/get", {"interface": "eth0"}, "Invalid device specified: eth0",
-     "ERROR: Could not find device with name=eth0 and type=Wifi"),
+     "[Engine] ERROR: Could not find device with name=eth0 and type=Wifi"),
     ("wifi/config/get", {"interface": "ETH0"}, "Invalid device specified: ETH0",
-     "ERROR: Could not find device with name=ETH0 and type=Wifi"),
+     "[Engine] ERROR: Could not find device with name=ETH0 and type=Wifi"),
     ("wifi/aps/get", {"interface": "eth1"}, "Invalid device specified: eth1",
-     "ERROR: Could not find device with name=eth1 and type=Wifi"),
+     "[Engine] ERROR: Could not find device with name=eth1 and type=Wifi"),
     ("wifi/networks/get", {"interface": "wlan9"}, "Invalid device specified: wlan9",
-     "ERROR: Could not find device with name=wlan9 and type=Wifi"),
+     "[Engine] ERROR: Could not find device with name=wlan9 and type=Wifi"),
     ("modem/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
-     "ERROR: Could not find device with name=wlan0 and type=Modem"),
+     "[Engine] ERROR: Could not find device with name=wlan0 and type=Modem"),
     ("modem/config/get", {"interface": "wwan0"}, "Invalid device specified: wwan0",
-     "ERROR: Could not find device with name=wwan0 and type=Modem"),
+     "[Engine] ERROR: Could not find device with name=wwan0 and type=Modem"),
     ("modem/stats/get", {"interface": "eth0"}, "Invalid device specified: eth0",
-     "ERROR: Could not find device with name=eth0 and type=Modem"),
+     "[Engine] ERROR: Could not find device with name=eth0 and type=Modem"),
+    # What comes from a client is repeated cut and with its control characters escaped, so that it can
+    # neither forge a log line nor flood the log; a payload too large to be a command is not even read.
+    ("ethernet/state/get", {"interface": LONG_NAME}, f"Invalid device specified: {LONG_NAME[:64]}...",
+     f"[Engine] ERROR: Could not find device with name={LONG_NAME[:64]}... and type=Ethernet"),
+    ("ethernet/state/get", {"interface": "eth0\n[Engine] FAKE\u001b[31m\u0000"},
+     "Invalid device specified: eth0\\n[Engine] FAKE\\x1b[31m\\x00",
+     "[Engine] ERROR: Could not find device with name=eth0\\n[Engine] FAKE\\x1b[31m\\x00 and type=Ethernet"),
+    ("ethernet/state/get", {"interface": "x" * 1000000}, "Payload too large: 1000017 bytes (at most 4096)",
+     "[IPC] Payload too large: 1000017 bytes (at most 4096)"),
+    (f"{LONG_NAME}/get", {}, "Unsupported command", f"[Engine] Unsupported command '{LONG_NAME[:64]}...'"),
 ]
 
 
-@pytest.mark.parametrize("command, payload, error, line", ERRORS)
+@pytest.mark.parametrize("command, payload, error, line", ERRORS, ids=lambda v: v[:40] if isinstance(v, str) else None)
 def test_errors_are_published_on_the_error_topic(scene, command, payload, error, line):
     _, tarvik, client = scene
     msg = ask(client, command, payload, "error")
-    assert msg.json == {"command": command, "error": error}
+    expected_command = command if len(command) <= 64 else command[:64] + "..."
+    assert msg.json == {"command": expected_command, "error": error}
     assert msg.qos == 0
-    tarvik.wait_for_log(re.escape(f"[Engine] {line}"))
+    tarvik.wait_for_log(re.escape(line) + "$")
+    assert not any(re.match(r"(tarvik: )?\[Engine\] FAKE", l) for l in tarvik.log_lines)
 
 
 def test_error_documents_are_not_retained(scene):

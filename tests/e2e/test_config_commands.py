@@ -119,30 +119,57 @@ def test_set_commands_end_with_the_profile_asked_for(world, mqtt, kind):
         assert world.nm.connection_secrets(device.connection, "gsm") == {}
 
 
-def test_unknown_or_mistyped_devices_are_answered_with_the_historic_command_names(world):
-    scenarios.ethernet(world, carrier=False, profile=None)
+INVALID = "is not a dotted IPv4 address"
+REFUSED = [
+    # Unknown devices, answered under the command names clients have always seen.
+    ("ethernet/config/set", {"interface": "eth9", "method": "manual"},
+     {"command": "ethernet/config/get", "error": "Invalid device specified: eth9"}),
+    ("ethernet/config/set", {"interface": "wlan0", "method": "manual"},
+     {"command": "ethernet/config/get", "error": "Invalid device specified: wlan0"}),
+    ("wifi/config/set", {"interface": "eth0", "ssid": "HomeNet"},
+     {"command": "wifi/config/get", "error": "Invalid device specified: eth0"}),
+    ("modem/config/set", {"interface": "wlan0", "apn": "x"},
+     {"command": "modem/config/set", "error": "Invalid device specified: wlan0"}),
+    # Addresses that would cut a gateway off its network.
+    ("ethernet/config/set", {**STATIC, "address": "300.1.1.1"},
+     {"command": "ethernet/config/get", "error": f"Invalid address: 300.1.1.1 {INVALID}"}),
+    ("ethernet/config/set", {**STATIC, "address": "10.0.0.1/24"},
+     {"command": "ethernet/config/get", "error": f"Invalid address: 10.0.0.1/24 {INVALID}"}),
+    ("ethernet/config/set", {**STATIC, "address": "1.2.3"},
+     {"command": "ethernet/config/get", "error": f"Invalid address: 1.2.3 {INVALID}"}),
+    ("ethernet/config/set", {**STATIC, "netmask": "33"},
+     {"command": "ethernet/config/get", "error": "Invalid netmask: 33 is not a contiguous dotted mask"}),
+    ("ethernet/config/set", {**STATIC, "netmask": "255.0.255.0"},
+     {"command": "ethernet/config/get", "error": "Invalid netmask: 255.0.255.0 is not a contiguous dotted mask"}),
+    ("ethernet/config/set", {**STATIC, "gateway": "::1"},
+     {"command": "ethernet/config/get", "error": f"Invalid gateway: ::1 {INVALID}"}),
+    ("ethernet/config/set", {"method": "manual", "netmask": "255.255.255.0"},
+     {"command": "ethernet/config/get", "error": "Missing address: the manual method needs an address and a netmask"}),
+    ("wifi/config/set", {"ssid": "HomeNet", "key": "k", "method": "auto", "dns1": "abc"},
+     {"command": "wifi/config/get", "error": f"Invalid dns1: abc {INVALID}"}),
+    ("modem/config/set", {"apn": "x", "method": "manual", "address": "10.1.1.1"},
+     {"command": "modem/config/set", "error": "Missing netmask: the manual method needs an address and a netmask"}),
+    ("modem/config/set", {"apn": "x", "dns0": "10.1.1.1\n[Engine] x"},
+     {"command": "modem/config/set", "error": f"Invalid dns0: 10.1.1.1\\n[Engine] x {INVALID}"}),
+]
+
+
+def test_refused_set_commands_change_neither_the_file_nor_networkmanager(world):
+    scenarios.ethernet(world, active=True)
     scenarios.wifi(world)
+    scenarios.modem(world, profile="Broadband", active=True)
     tarvik, client = start(world)
+    tarvik.wait_for_log(re.escape("[Engine] [Modem] No update required"))
     with open(tarvik.config_path) as f:
         written = f.read()
+    world.nm.clear_calls()
 
-    cases = [
-        ("ethernet/config/set", {"interface": "eth9", "method": "manual"},
-         {"command": "ethernet/config/get", "error": "Invalid device specified: eth9"}),
-        ("ethernet/config/set", {"interface": "wlan0", "method": "manual"},
-         {"command": "ethernet/config/get", "error": "Invalid device specified: wlan0"}),
-        ("wifi/config/set", {"interface": "eth0", "ssid": "HomeNet"},
-         {"command": "wifi/config/get", "error": "Invalid device specified: eth0"}),
-        ("modem/config/set", {"interface": "wlan0", "apn": "x"},
-         {"command": "modem/config/set", "error": "Invalid device specified: wlan0"}),
-        ("modem/config/set", {"apn": "x"},
-         {"command": "modem/config/set", "error": "Invalid device specified: "}),
-    ]
-    for command, payload, error in cases:
+    for command, payload, error in REFUSED:
         client.command(command, payload)
-        assert client.wait_for(BASE + "/error").json == error, command
+        assert client.wait_for(BASE + "/error").json == error, (command, payload)
     with open(tarvik.config_path) as f:
         assert f.read() == written
+    assert [c["method"] for c in world.nm.calls() if c["method"] not in ("GetSettings", "GetSecrets")] == []
 
 
 def test_modem_set_rewrites_the_file_even_when_networkmanager_refuses_the_update(world):

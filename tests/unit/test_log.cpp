@@ -157,6 +157,15 @@ private slots:
         QCOMPARE(messages(logLines(run.standardError)), expected);
     }
 
+    void textFromOutsideCannotForgeLinesOrFloodTheLog()
+    {
+        const ChildResult run = runProbe({ "open", "text=2:eth0\n[Engine] FAKE\x1b[31m\x7f\t",
+                                           "text=2:" + QString(5000, 'x') });
+        QVERIFY(run.finished);
+        const QList<QByteArray> expected { "eth0\\n[Engine] FAKE\\x1b[31m\\x7f\\t", QByteArray(2048, 'x') + "..." };
+        QCOMPARE(messages(logLines(run.standardError)), expected);
+    }
+
     // The syslog datagrams themselves: facility local1 after open, the
     // level's priority, the ident without a pid, and before open the C
     // library's defaults with a stamp counted from 1970.
