@@ -87,8 +87,9 @@ int main(int argc, char** argv)
     Log::setLevel(options.level);
 
     auto* engine = new Tarvik::Engine(options.configPath, nullptr);
-    engine->start();
-    const int result = app.exec();
+    // Qt cannot reconnect the system bus later: without it, end with a failure
+    // for the service manager to start tarvik again.
+    const int result = engine->start() ? app.exec() : EXIT_FAILURE;
     delete engine;
     return result;
 }

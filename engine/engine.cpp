@@ -67,9 +67,13 @@ Engine::Engine(const QString& configPath, QObject* parent)
 
 Engine::~Engine() = default;
 
-void Engine::start()
+bool Engine::start()
 {
+    if (!checkSystemBus())
+        return false;
+    monitorModemManager();
     m_ipc->connect();
+    return true;
 }
 
 void Engine::stop()
@@ -95,12 +99,14 @@ QByteArray Engine::typeText(NetworkManager::Device::Type type)
 void Engine::onIPCConnected(const QString& url)
 {
     log(Log::Info, "IPC Connected to %s", url.toLocal8Bit().constData());
+    m_brokerConnected = true;
     reload();
 }
 
 void Engine::onIPCDiscconnected()
 {
     log(Log::Info, "IPC Disconnected.");
+    m_brokerConnected = false;
 }
 
 void Engine::onIPCCommandReceived(const QString& command, const QJsonObject& data)

@@ -38,7 +38,8 @@ public:
     Engine(const QString& configPath, QObject* parent);
     ~Engine() override;
 
-    void start();
+    // False when there is no system bus to reach NetworkManager on.
+    bool start();
     void stop();
 
 private slots:
@@ -53,6 +54,11 @@ private slots:
                               NetworkManager::Device::StateChangeReason reason);
     void onDeviceManagedChanged();
     void onInterfaceNameChanged();
+    void onNetworkManagerDisappeared();
+    void onNetworkManagerAppeared();
+    void onModemManagerDisappeared();
+    void onModemManagerAppeared();
+    void onModemAdded(const QString& udi);
 
 private:
     using CommandHandler = void (Engine::*)(const QJsonObject&);
@@ -89,6 +95,9 @@ private:
 
     // Monitoring (monitoring.cpp)
     void monitorNetwork();
+    void monitorModemManager();
+    // Logs which daemons are missing; false when the bus itself is.
+    bool checkSystemBus();
     void monitorDevice(NetworkManager::Device::Ptr device);
     void unmonitorDevice(NetworkManager::Device::Ptr device);
     NetworkManager::Device::Ptr getDeviceFromSender(QObject* sender);
@@ -150,6 +159,7 @@ private:
     std::unique_ptr<IPC> m_ipc;
     std::unique_ptr<QTimer> m_scanTimer;
     QMap<QString, CommandHandler> m_commands;
+    bool m_brokerConnected = false;
 };
 
 } // namespace Tarvik

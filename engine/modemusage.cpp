@@ -1,5 +1,6 @@
 #include "engine/engine.h"
 
+#include "engine/datausage.h"
 #include "vocabulary/devicestate.h"
 
 #include <ModemManagerQt/Bearer>
@@ -15,14 +16,8 @@ namespace Tarvik {
 namespace {
 
 const char* const snapshotPath = "/tmp/modem-snapshot.ini";
-const char* const monthFormat = "yyyy-MM";
 
-QString currentMonth()
-{
-    return QDateTime::currentDateTime().toString(QLatin1String(monthFormat));
-}
-
-// Counters and totals are kept modulo 2^32: a counter that restarts below the snapshot wraps.
+// Totals are kept modulo 2^32.
 quint32 low32(const QVariant& value)
 {
     return static_cast<quint32>(value.toULongLong());
@@ -66,27 +61,22 @@ void Engine::updateModemStats()
     const ModemReading reading = getModemStats(device.objectCast<NetworkManager::ModemDevice>());
 
     QSettings snapshot(QLatin1String(snapshotPath), QSettings::IniFormat);
-    const uint now = QDateTime::currentDateTime().toTime_t();
-    const quint32 prevRx = low32(snapshot.value(QStringLiteral("rxbytes"), 0));
-    const quint32 prevTx = low32(snapshot.value(QStringLiteral("txbytes"), 0));
-
-    quint32 deltaRx = static_cast<quint32>(reading.rxBytes) - prevRx;
-    quint32 deltaTx = static_cast<quint32>(reading.txBytes) - prevTx;
-
-    const QString month = currentMonth();
+    const QDateTime now = QDateTime::currentDateTime();
+    const QString month = DataUsage::monthOf(now);
     const QString rxKey = month + QStringLiteral("/rxbytes");
     const QString txKey = month + QStringLiteral("/txbytes");
-    if (m_stats.childGroups().contains(month)) {
-        deltaRx += low32(m_stats.value(rxKey, 0));
-        deltaTx += low32(m_stats.value(txKey, 0));
-    }
+    const bool known = m_stats.childGroups().contains(month);
+    const quint32 rxTotal = known ? low32(m_stats.value(rxKey, 0)) : 0;
+    const quint32 txTotal = known ? low32(m_stats.value(txKey, 0)) : 0;
 
     // sync() creates ./stats when it is missing.
-    m_stats.setValue(rxKey, deltaRx);
-    m_stats.setValue(txKey, deltaTx);
+    const quint64 previousRx = snapshot.value(QStringLiteral("rxbytes"), 0).toULongLong();
+    const quint64 previousTx = snapshot.value(QStringLiteral("txbytes"), 0).toULongLong();
+    m_stats.setValue(rxKey, DataUsage::addTraffic(rxTotal, reading.rxBytes, previousRx));
+    m_stats.setValue(txKey, DataUsage::addTraffic(txTotal, reading.txBytes, previousTx));
     m_stats.sync();
 
-    snapshot.setValue(QStringLiteral("timestamp"), now);
+    snapshot.setValue(QStringLiteral("timestamp"), now.toTime_t());
     snapshot.setValue(QStringLiteral("duration"), reading.duration);
     snapshot.setValue(QStringLiteral("rxbytes"), reading.rxBytes);
     snapshot.setValue(QStringLiteral("txbytes"), reading.txBytes);
@@ -128,19 +118,8 @@ qint64 Engine::readIntegerFromFile(const QString& path)
 
 void Engine::publishModemStats()
 {
-    QMap<QString, QMap<QString, double>> stats;
-    const QStringList months = m_stats.childGroups();
-    for (const QString& month : months) {
-        m_stats.beginGroup(month);
-        // Totals of 2^31 bytes or more come out negative; clients rely on this form.
-        const qint32 rx = static_cast<qint32>(m_stats.value(QStringLiteral("rxbytes")).toUInt());
-        const qint32 tx = static_cast<qint32>(m_stats.value(QStringLiteral("txbytes")).toUInt());
-        m_stats.endGroup();
-        stats[month][QStringLiteral("rxbytes")] = rx / 1000000.0;
-        stats[month][QStringLiteral("txbytes")] = tx / 1000000.0;
-    }
-
-    const QString month = currentMonth();
+    const QMap<QString, QMap<QString, double>> stats = DataUsage::megabytesPerMonth(m_stats);
+    const QString month = DataUsage::monthOf(QDateTime::currentDateTime());
     const QMap<QString, double> current = stats.value(month);
     log(Log::Info, "[Modem] Publishing Data usage statistics (%s | U:%.1fM | D:%.1fM)", month.toLocal8Bit().constData(),
         current.value(QStringLiteral("txbytes"), 0.0), current.value(QStringLiteral("rxbytes"), 0.0));
@@ -155,10 +134,10 @@ void Engine::processModemStatsGetCommand(const QJsonObject& payload)
 
 void Engine::pruneModemStats()
 {
-    const QDateTime cutOff = QDateTime::currentDateTime().addMonths(-6);
+    const QDateTime now = QDateTime::currentDateTime();
     const QStringList months = m_stats.childGroups();
     for (const QString& month : months) {
-        if (QDateTime::fromString(month, QLatin1String(monthFormat)) < cutOff)
+        if (DataUsage::isExpired(month, now))
             m_stats.remove(month);
     }
     m_stats.sync();

@@ -3,6 +3,7 @@
 #include "vocabulary/devicestate.h"
 #include "vocabulary/valuenames.h"
 
+#include <ModemManagerQt/GenericTypes>
 #include <ModemManagerQt/Manager>
 #include <ModemManagerQt/Modem>
 #include <ModemManagerQt/ModemDevice>
@@ -10,12 +11,16 @@
 #include <NetworkManagerQt/WiredDevice>
 #include <NetworkManagerQt/WirelessDevice>
 #include <NetworkManagerQt/WirelessNetwork>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDBusPendingReply>
 
 namespace Tarvik {
 
 namespace {
 
+const QString networkManagerService = QStringLiteral("org.freedesktop.NetworkManager");
+const QString modemManagerService = QStringLiteral("org.freedesktop.ModemManager1");
 constexpr int scanIntervalMs = 30000;
 // NetworkManager announces a device before all of its properties are in
 // place; give it a moment before the device is provisioned.
@@ -35,6 +40,70 @@ void Engine::monitorNetwork()
     connect(notifier, &NetworkManager::Notifier::primaryConnectionChanged, this, &Engine::onPrimaryConnectionChanged);
     connect(notifier, &NetworkManager::Notifier::deviceAdded, this, &Engine::onDeviceAdded);
     connect(notifier, &NetworkManager::Notifier::deviceRemoved, this, &Engine::onDeviceRemoved);
+    connect(notifier, &NetworkManager::Notifier::serviceDisappeared, this, &Engine::onNetworkManagerDisappeared);
+    connect(notifier, &NetworkManager::Notifier::serviceAppeared, this, &Engine::onNetworkManagerAppeared);
+}
+
+void Engine::monitorModemManager()
+{
+    auto* notifier = ModemManager::notifier();
+    connect(notifier, &ModemManager::Notifier::serviceDisappeared, this, &Engine::onModemManagerDisappeared);
+    connect(notifier, &ModemManager::Notifier::serviceAppeared, this, &Engine::onModemManagerAppeared);
+    connect(notifier, &ModemManager::Notifier::modemAdded, this, &Engine::onModemAdded);
+}
+
+bool Engine::checkSystemBus()
+{
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.isConnected()) {
+        log(Log::Error, "Cannot reach the D-Bus system bus: %s. tarvik cannot work without it.",
+            qPrintable(bus.lastError().message()));
+        return false;
+    }
+    if (!bus.interface()->isServiceRegistered(networkManagerService)) {
+        log(Log::Error, "[Network] NetworkManager is not on the system bus. Waiting for it.");
+    }
+    if (!bus.interface()->isServiceRegistered(modemManagerService)) {
+        log(Log::Warning, "[Modem] ModemManager is not on the system bus. Waiting for it.");
+    }
+    return true;
+}
+
+void Engine::onNetworkManagerDisappeared()
+{
+    log(Log::Error, "[Network] NetworkManager left the system bus. Waiting for it to return.");
+}
+
+void Engine::onNetworkManagerAppeared()
+{
+    log(Log::Info, "[Network] NetworkManager is on the system bus.");
+    // Everything it knew is new to the library: start over as at a broker connection.
+    if (m_brokerConnected) {
+        reload();
+    }
+}
+
+void Engine::onModemManagerDisappeared()
+{
+    log(Log::Warning, "[Modem] ModemManager left the system bus. Signal quality is not followed until it returns.");
+}
+
+void Engine::onModemManagerAppeared()
+{
+    log(Log::Info, "[Modem] ModemManager is on the system bus.");
+}
+
+void Engine::onModemAdded(const QString& udi)
+{
+    // A modem of a returning ModemManager is a new object: the NetworkManager
+    // device that refers to it is watched and provisioned afresh.
+    for (const NetworkManager::Device::Ptr& device : NetworkManager::networkInterfaces()) {
+        if (device->type() != NetworkManager::Device::Modem || device->udi() != udi) {
+            continue;
+        }
+        log(Log::Info, "[Modem] ModemManager announced the modem of %s.", qPrintable(device->interfaceName()));
+        QTimer::singleShot(deviceSettleDelayMs, Qt::PreciseTimer, this, [this, device]() { reloadDevice(device); });
+    }
 }
 
 void Engine::monitorDevice(NetworkManager::Device::Ptr device)

@@ -110,6 +110,18 @@ class World:
             raise
         return self
 
+    def restart_networkmanager(self):
+        '''The simulated NetworkManager leaves the bus and comes back empty, as after a package upgrade.'''
+        self.nm_service.stop()
+        self.nm_service.start()
+        self.nm = NetworkManager(self.bus)
+
+    def restart_modemmanager(self):
+        '''The simulated ModemManager leaves the bus and comes back without modems.'''
+        self.mm_service.stop()
+        self.mm_service.start()
+        self.mm = ModemManager(self.bus)
+
     def tarvik_config(self):
         '''The configuration that points tarvik at this world's broker.'''
         return {'Mqtt': {'url': '127.0.0.1', 'port': self.broker.port, 'base': self.base}}

@@ -30,10 +30,11 @@ def sync(mqtt):
 
     tarvik handles one thing at a time: the answer to a command comes after
     every publication it made before reading the command. No reload may be
-    under way: its own "info" would pass for the answer."""
+    under way: its own "info" would pass for the answer; nor may a retained
+    copy, which a subscription made just before delivers late."""
     sent = time.monotonic()
     mqtt.command("info/get", {})
-    mqtt.wait_for(mqtt.topic("info"), predicate=lambda m: m.time >= sent)
+    mqtt.wait_for(mqtt.topic("info"), predicate=lambda m: m.time >= sent and not m.retain)
 
 
 def published(mqtt, topic, since):

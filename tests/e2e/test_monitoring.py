@@ -7,9 +7,11 @@ and checks what tarvik logs and publishes in response.
 import re
 import time
 
+import pytest
+
 import scenarios
 from engineflow import published, start, stamp, sync
-from world import wifi_profile
+from world import gsm_profile, wifi_profile
 
 
 def state_changes(tarvik, since_line=0):
@@ -189,19 +191,54 @@ def test_refused_scan_of_last_monitored_wifi_is_logged_without_publication(world
     assert published(mqtt, "wifi/aps", since) == [] and published(mqtt, "wifi/networks", since) == []
 
 
-def test_broker_reconnection_doubles_no_handler(world, mqtt, tarvik_binary):
+MODEM = "/org/freedesktop/ModemManager1/Modem/0"
+
+
+def networkmanager_devices(world):
+    """A Wi-Fi device and the modem with its profile in place and active: reloads leave it alone, so that
+    nothing but the test's own changes happens afterwards. Returns the Wi-Fi device."""
     wlan = world.nm.add_wifi("wlan0")
-    # A modem whose profile is in place and active: the reloads leave it alone,
-    # so that nothing but the test's own changes happens afterwards.
-    modem = scenarios.modem(world, profile="Broadband", active=True).modem
+    device = world.nm.add_modem("cdc-wdm0", modem=MODEM)
+    world.nm.activate(world.nm.add_connection(gsm_profile("Broadband")), device, instant=True)
+    return wlan
+
+
+def restart_broker(world, tarvik):
+    world.broker.restart()
+    tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$", timeout=20)
+
+
+def restart_modemmanager(world, tarvik):
+    world.restart_modemmanager()
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] ModemManager left the system bus\.")
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] ModemManager is on the system bus\.$")
+    # The modem comes back at its old path, as a new object.
+    world.mm.add_modem(kind="gsm", bearer_interface="wwan0", signal=67)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] ModemManager announced the modem of cdc-wdm0\.$")
+
+
+def restart_networkmanager(world, tarvik):
+    world.restart_networkmanager()
+    tarvik.wait_for_log(r"\[Engine\] \[Network\] NetworkManager left the system bus\. Waiting for it to return\.$")
+    tarvik.wait_for_log(r"\[Engine\] \[Network\] NetworkManager is on the system bus\.$")
+    tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$")
+    # It comes back with its devices and profiles, announcing each.
+    return networkmanager_devices(world)
+
+
+@pytest.mark.parametrize("restart", [restart_broker, restart_modemmanager, restart_networkmanager],
+                         ids=["broker", "modemmanager", "networkmanager"])
+def test_restarts_restore_monitoring_without_doubling_a_handler(world, mqtt, tarvik_binary, restart):
+    world.mm.add_modem(kind="gsm", bearer_interface="wwan0", signal=67)
+    wlan = networkmanager_devices(world)
     tarvik = start(world, mqtt)
     tarvik.wait_for_log(r"\[Engine\] \[Modem\] No update required for connection 'Broadband'\.$")
 
-    world.broker.restart()
-    tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$", timeout=20)
+    wlan = restart(world, tarvik) or wlan
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] No update required for connection 'Broadband'\.$")
     client = world.mqtt(subscribe=world.base + "/#")
-    # The broker kept no retained copies over its restart: this one comes
-    # from the reload, whose last document it is.
+    # The current documents are published again (the broker keeps no
+    # retained copies over its own restart): the signal comes last.
     client.wait_for(client.topic("modem/signal"))
     sync(client)
     mark, since = len(tarvik.log_lines), time.monotonic()
@@ -212,7 +249,7 @@ def test_broker_reconnection_doubles_no_handler(world, mqtt, tarvik_binary):
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=CarrierReason\)\.$")
     world.nm.add_access_point(wlan, "Cafe", security="open", strength=42)
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Network 'Cafe' found")
-    world.mm.set_signal(modem, 77)
+    world.mm.set_signal(MODEM, 77)
     tarvik.wait_for_log(r"\[Engine\] \[Modem\] Signal changed '77'")
     sync(client)
 
