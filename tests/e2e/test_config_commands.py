@@ -93,9 +93,9 @@ def test_unknown_or_mistyped_devices_are_answered_with_the_historic_command_name
         written = f.read()
 
     cases = [
-        ("ethernet/config/set", {"interface": "eth9", "method": "manual"},
+        ("ethernet/config/set", {"interface": "eth9", "method": "auto"},
          {"command": "ethernet/config/get", "error": "Invalid device specified: eth9"}),
-        ("ethernet/config/set", {"interface": "wlan0", "method": "manual"},
+        ("ethernet/config/set", {"interface": "wlan0", "method": "auto"},
          {"command": "ethernet/config/get", "error": "Invalid device specified: wlan0"}),
         ("wifi/config/set", {"interface": "eth0", "ssid": "HomeNet"},
          {"command": "wifi/config/get", "error": "Invalid device specified: eth0"}),
