@@ -8,7 +8,6 @@ from collections import namedtuple
 
 import yaml
 from jsonschema import Draft7Validator, RefResolver
-from jsonschema.exceptions import best_match
 
 Channel = namedtuple('Channel', 'validator mqtt message reply')
 
@@ -50,11 +49,15 @@ class Contract:
         return channel['address'].replace('{base}/', '', 1)
 
     def problem(self, topic, channel, document):
-        error = best_match(channel.validator.iter_errors(document))
-        if error is None:
-            return None
-        where = '/'.join(map(str, error.absolute_path)) or 'the top level'
-        return '%s: %s at %s (schema %s)' % (topic, error.message, where, '/'.join(map(str, error.schema_path)))
+        '''Every way the document misses its schema, one line each; None when it matches.'''
+        found = []
+        for error in sorted(channel.validator.iter_errors(document), key=lambda e: list(map(str, e.path))):
+            while error.context:  # of a choice like null-or-object, name what is wrong with the object
+                error = max(error.context, key=lambda e: (len(e.absolute_path), e.validator != 'type'))
+            where = '/'.join(map(str, error.absolute_path)) or 'the top level'
+            schema = '/'.join(map(str, error.absolute_schema_path))
+            found.append('%s: %s at %s (schema %s)' % (topic, error.message, where, schema))
+        return '\n'.join(found) or None
 
     def observe(self, client, direction, topic, payload, qos, retain):
         '''Given to the MQTT test client: a command off the contract fails the test that sends it at once; a
@@ -89,7 +92,7 @@ class Contract:
         if channel is None:
             return topic + ' is no published topic'
         if qos > channel.mqtt['qos'] or (retain and not channel.mqtt['retain']):
-            return '%s: QoS %d, retained %s; published with QoS %d, retained %s' % (
+            return '%s: arrived with QoS %d, retained %s; the contract says QoS %d, retained %s' % (
                 topic, qos, retain, channel.mqtt['qos'], channel.mqtt['retain'])
         try:
             document = json.loads(payload)
