@@ -33,6 +33,8 @@ def settle(tarvik, client):
     """Returns once what tarvik published at connection time has reached the client: a command
     answered after the start-up publications is delivered after them."""
     tarvik.wait_for_log(r"\[Engine\] IPC Connected to 127\.0\.0\.1$")
+    # The status follows tarvik's subscriptions on its session: commands sent from now on reach it.
+    client.wait_for(BASE + "/status")
     client.command("info/get", {})
     tarvik.wait_for_log(re.escape("[Engine] Command Received : info/get"))
     wait_until(lambda: client.count(BASE + "/info") >= 2, 10, "the answer to info/get")

@@ -34,6 +34,8 @@ def start(world, **kwargs):
     client = world.mqtt(subscribe=BASE + "/#")
     tarvik = world.tarvik(**kwargs)
     tarvik.wait_for_log(r"\[Engine\] IPC Connected to ")
+    # The status follows tarvik's subscriptions on its session: commands sent from now on reach it.
+    client.wait_for(BASE + "/status")
     return tarvik, client
 
 
