@@ -9,8 +9,10 @@ packages=(
   cmake g++ pkg-config
   qtbase5-dev libkf5networkmanagerqt-dev modemmanager-qt-dev libmosquitto-dev
   mosquitto mosquitto-clients dbus python3 python3-dbusmock python3-dbus python3-gi
-  python3-paho-mqtt python3-pytest faketime iproute2 util-linux procps
+  python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml faketime iproute2 util-linux procps
 )
+# The AsyncAPI parser that checks docs/asyncapi.yaml comes from npm (any Node.js the machine has will do).
+command -v npm >/dev/null 2>&1 || packages+=(nodejs npm)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -23,6 +25,13 @@ if ((${#missing[@]})); then
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -q
   apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+# Exactly the versions of tests/contract/package-lock.json; install scripts are not needed.
+contract="$here/tests/contract"
+if ! cmp -s "$contract/package-lock.json" "$contract/node_modules/.installed-lock.json"; then
+  (cd "$contract" && npm ci --ignore-scripts --no-audit --no-fund --loglevel=error)
+  cp "$contract/package-lock.json" "$contract/node_modules/.installed-lock.json"
 fi
 
 # The broker is started by the tests and the demo, never as a system service.

@@ -30,6 +30,10 @@ class Message:
 class MqttClient:
     '''A paho-mqtt client with TCP_NODELAY that records every message it receives.'''
 
+    # Each is called as observer(client, "sent" or "received", topic, payload, qos, retain) for every message,
+    # a sent payload as the caller gave it; the tests check the traffic against the published contract.
+    observers = []
+
     def __init__(self, port, host='127.0.0.1', base=DEFAULT_BASE, username=None, password=None, client_id=''):
         import paho.mqtt.client as mqtt
         self._mqtt = mqtt
@@ -64,6 +68,8 @@ class MqttClient:
             self._cond.notify_all()
 
     def _on_message(self, client, userdata, msg):
+        for observe in self.observers:
+            observe(self, 'received', msg.topic, bytes(msg.payload), msg.qos, bool(msg.retain))
         with self._cond:
             self.received.append(Message(msg.topic, bytes(msg.payload), msg.qos, bool(msg.retain)))
             self._cond.notify_all()
@@ -98,6 +104,8 @@ class MqttClient:
             return self._subacks[mid][0]
 
     def publish(self, topic, payload=b'', qos=0, retain=False, timeout=10):
+        for observe in self.observers:
+            observe(self, 'sent', topic, payload, qos, retain)
         if isinstance(payload, (dict, list)):
             payload = json.dumps(payload)
         info = self.client.publish(topic, payload, qos, retain)

@@ -11,9 +11,24 @@ import pytest
 
 SOURCE_DIR = os.environ.get('TARVIK_SOURCE_DIR') or os.path.abspath(os.path.join(os.path.dirname(__file__), '..', '..'))
 sys.path.insert(0, os.path.join(SOURCE_DIR, 'world'))
+sys.path.insert(0, os.path.join(SOURCE_DIR, 'tests', 'contract'))
 
 import scenarios  # noqa: E402,F401  (re-exported for the tests)
-from world import World  # noqa: E402
+from contract import Contract  # noqa: E402
+from world import MqttClient, World  # noqa: E402
+
+# Every message of every test client is checked against the published contract.
+CONTRACT = Contract(os.path.join(SOURCE_DIR, 'docs', 'asyncapi.yaml'))
+MqttClient.observers.append(CONTRACT.observe)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_teardown(item):
+    '''Fails the test during which tarvik published a document off the contract (module fixtures included).'''
+    yield
+    violations = CONTRACT.take_violations()
+    if violations:
+        pytest.fail('documents off the contract in docs/asyncapi.yaml:\n' + '\n'.join(violations), pytrace=False)
 
 
 @pytest.hookimpl(tryfirst=True, hookwrapper=True)

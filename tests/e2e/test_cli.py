@@ -10,6 +10,7 @@ import time
 
 import pytest
 
+from contract import off_contract
 from world import config_keys
 
 BINARY = os.environ["TARVIK_BINARY"]
@@ -147,7 +148,7 @@ class TestVerbosity:
         tarvik = world.tarvik(args=args)
         # The status document follows the subscriptions; the error follows the whole start-up.
         client.wait_for(world.base + "/status")
-        client.command("noise/get", {})
+        client.command("noise/get", off_contract({}))
         client.wait_for(world.base + "/error")
         tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
         seen = {level for level, marker in LEVEL_MARKERS.items()
@@ -158,6 +159,6 @@ class TestVerbosity:
         client = world.mqtt(subscribe=world.base + "/status")
         tarvik = world.tarvik(args=["-f", "{config}", "-e", "-c", "-v", "0"])
         client.wait_for(world.base + "/status")
-        client.command("noise/get", {})
+        client.command("noise/get", off_contract({}))
         match = tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
         assert match.string.endswith("\033[31m" + LEVEL_MARKERS["error"] + "\033[39m")

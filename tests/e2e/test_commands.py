@@ -5,6 +5,7 @@ import re
 
 import pytest
 
+from contract import off_contract
 from world import wait_until
 
 BASE = "tolv/network"
@@ -32,6 +33,8 @@ def settle(tarvik, client):
     """Returns once what tarvik published at connection time has reached the client: a command
     answered after the start-up publications is delivered after them."""
     tarvik.wait_for_log(r"\[Engine\] IPC Connected to 127\.0\.0\.1$")
+    # The status follows tarvik's subscriptions on its session: commands sent from now on reach it.
+    client.wait_for(BASE + "/status")
     client.command("info/get", {})
     tarvik.wait_for_log(re.escape("[Engine] Command Received : info/get"))
     wait_until(lambda: client.count(BASE + "/info") >= 2, 10, "the answer to info/get")
@@ -52,7 +55,7 @@ GET_COMMANDS = [
     ("ethernet/config/get", "ethernet/config", {"interface": "eth1"}, "eth1"),
     ("wifi/state/get", "wifi/state", {}, "wlan0"),
     ("wifi/state/get", "wifi/state", {"interface": "wlan1"}, "wlan1"),
-    ("wifi/state/get", "wifi/state", {"interface": 5}, "wlan0"),
+    ("wifi/state/get", "wifi/state", off_contract({"interface": 5}), "wlan0"),
     ("wifi/config/get", "wifi/config", {"interface": "wlan1"}, "wlan1"),
     ("wifi/aps/get", "wifi/aps", {}, "wlan0"),
     ("wifi/networks/get", "wifi/networks", {"interface": "wlan1"}, "wlan1"),
@@ -72,11 +75,11 @@ def test_device_get_commands_answer_for_the_named_or_first_device(scene, command
 
 def test_network_get_commands_ignore_their_payload(scene):
     _, _, client = scene
-    status = ask(client, "status/get", {"interface": "eth9", "anything": [1, 2]}, "status")
+    status = ask(client, "status/get", off_contract({"interface": "eth9", "anything": [1, 2]}), "status")
     assert status.qos == 2
     assert set(status.json) == {"hostname", "state", "stateStr", "connectivity", "connectivityStr",
                                 "primaryConnection"}
-    info = ask(client, "info/get", {"interface": "nothing"}, "info")
+    info = ask(client, "info/get", off_contract({"interface": "nothing"}), "info")
     assert info.qos == 2
     assert info.json == {"service": {"type": "network", "version": "1.0.15"}}
 
@@ -91,11 +94,11 @@ def test_modem_stats_get_answers_with_qos_0(scene):
 LONG_NAME = "x" * 100
 ERRORS = [
     # command, payload, error document, log line
-    ("bogus/get", {}, "Unsupported command", "[Engine] Unsupported command 'bogus/get'"),
-    ("WIFI/STATE/get", {}, "Unsupported command", "[Engine] Unsupported command 'WIFI/STATE/get'"),
-    ("Wifi/state/get", {}, "Unsupported command", "[Engine] Unsupported command 'Wifi/state/get'"),
-    ("wifi//get", {}, "Unsupported command", "[Engine] Unsupported command 'wifi//get'"),
-    ("ethernet/state/set", {}, "Unsupported command", "[Engine] Unsupported command 'ethernet/state/set'"),
+    ("bogus/get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'bogus/get'"),
+    ("WIFI/STATE/get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'WIFI/STATE/get'"),
+    ("Wifi/state/get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'Wifi/state/get'"),
+    ("wifi//get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'wifi//get'"),
+    ("ethernet/state/set", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'ethernet/state/set'"),
     ("ethernet/state/get", {"interface": "eth9"}, "Invalid device specified: eth9",
      "[Engine] ERROR: Could not find device with name=eth9 and type=Ethernet"),
     ("ethernet/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
@@ -118,14 +121,14 @@ ERRORS = [
      "[Engine] ERROR: Could not find device with name=eth0 and type=Modem"),
     # What comes from a client is repeated cut and with its control characters escaped, so that it can
     # neither forge a log line nor flood the log; a payload too large to be a command is not even read.
-    ("ethernet/state/get", {"interface": LONG_NAME}, f"Invalid device specified: {LONG_NAME[:64]}...",
+    ("ethernet/state/get", off_contract({"interface": LONG_NAME}), f"Invalid device specified: {LONG_NAME[:64]}...",
      f"[Engine] ERROR: Could not find device with name={LONG_NAME[:64]}... and type=Ethernet"),
-    ("ethernet/state/get", {"interface": "eth0\n[Engine] FAKE\u001b[31m\u0000"},
+    ("ethernet/state/get", off_contract({"interface": "eth0\n[Engine] FAKE\u001b[31m\u0000"}),
      "Invalid device specified: eth0\\n[Engine] FAKE\\x1b[31m\\x00",
      "[Engine] ERROR: Could not find device with name=eth0\\n[Engine] FAKE\\x1b[31m\\x00 and type=Ethernet"),
-    ("ethernet/state/get", {"interface": "x" * 1000000}, "Payload too large: 1000017 bytes (at most 4096)",
+    ("ethernet/state/get", off_contract({"interface": "x" * 1000000}), "Payload too large: 1000017 bytes (at most 4096)",
      "[IPC] Payload too large: 1000017 bytes (at most 4096)"),
-    (f"{LONG_NAME}/get", {}, "Unsupported command", f"[Engine] Unsupported command '{LONG_NAME[:64]}...'"),
+    (f"{LONG_NAME}/get", off_contract({}), "Unsupported command", f"[Engine] Unsupported command '{LONG_NAME[:64]}...'"),
 ]
 
 
@@ -142,7 +145,7 @@ def test_errors_are_published_on_the_error_topic(scene, command, payload, error,
 
 def test_error_documents_are_not_retained(scene):
     w, _, client = scene
-    ask(client, "bogus/get", {}, "error")
+    ask(client, "bogus/get", off_contract({}), "error")
     # The broker answers subscriptions in order: a retained error would arrive before the retained info.
     late = w.mqtt(subscribe=BASE + "/error")
     late.subscribe(BASE + "/info")
