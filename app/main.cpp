@@ -74,7 +74,7 @@ int main(int argc, char** argv)
 {
     QCoreApplication::setOrganizationName(QStringLiteral("TOLV"));
     QCoreApplication::setOrganizationDomain(QStringLiteral("tolv.io"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("1.0.15"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(TARVIK_VERSION));
     QCoreApplication::setApplicationName(QStringLiteral("tarvik"));
 
     printBanner();

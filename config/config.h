@@ -1,10 +1,11 @@
 #pragma once
 
-#include "log/log.h"
+#include "log/taggedlog.h"
 
 #include <QObject>
 #include <QSettings>
 #include <QString>
+#include <QVector>
 
 namespace Tarvik {
 
@@ -80,13 +81,17 @@ public:
     static bool fileExists(const QString& path);
 
 private:
-    void log(Log::Level level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    struct Key;
+    // Every key of the file, in the file's order, with its default and its field.
+    static const QVector<Key>& keys();
+    void warnUnlessIni(const QString& path);
 
     QSettings* m_settings = nullptr;
     Mqtt m_mqtt;
     Ethernet m_ethernet;
     Wifi m_wifi;
     Modem m_modem;
+    const TaggedLog log{"[Config] "};
 };
 
 } // namespace Tarvik

@@ -82,14 +82,6 @@ void Engine::stop()
     m_ipc->disconnect();
 }
 
-void Engine::log(Log::Level level, const char* format, ...)
-{
-    const QByteArray tagged = (QStringLiteral("[Engine] ") + QString::fromUtf8(format)).toLocal8Bit();
-    va_list args;
-    va_start(args, format);
-    Log::vprint(level, tagged.constData(), args);
-    va_end(args);
-}
 
 QByteArray Engine::typeText(NetworkManager::Device::Type type)
 {

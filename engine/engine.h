@@ -2,7 +2,7 @@
 
 #include "config/config.h"
 #include "ipc/ipc.h"
-#include "log/log.h"
+#include "log/taggedlog.h"
 #include "vocabulary/valuenames.h"
 
 #include <NetworkManagerQt/AccessPoint>
@@ -70,7 +70,6 @@ private:
         quint64 rxBytes = 0;
     };
 
-    void log(Log::Level level, const char* format, ...) __attribute__((format(printf, 3, 4)));
     // The device type as the "[%s]" tag of a log line.
     static QByteArray typeText(NetworkManager::Device::Type type);
 
@@ -160,6 +159,7 @@ private:
     std::unique_ptr<QTimer> m_scanTimer;
     QMap<QString, CommandHandler> m_commands;
     bool m_brokerConnected = false;
+    const TaggedLog log{"[Engine] "};
 };
 
 } // namespace Tarvik

@@ -26,14 +26,14 @@ IPC::IPC(Config* config, QObject* parent)
     , m_client(new MqttClient(this))
 {
     qRegisterMetaType<Tarvik::MqttClient::ClientState>();
-    qRegisterMetaType<Tarvik::MqttClient::ClientError>();
+    qRegisterMetaType<Tarvik::MqttError::Code>();
 }
 
 IPC::~IPC() = default;
 
 void IPC::setLogEnable(bool enable)
 {
-    m_logEnabled = enable;
+    log.setEnabled(enable);
 }
 
 QString IPC::topicBase() const
@@ -113,14 +113,14 @@ void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
     }
 }
 
-void IPC::onMqttErrorChanged(Tarvik::MqttClient::ClientError err)
+void IPC::onMqttErrorChanged(Tarvik::MqttError::Code err)
 {
     log(Log::Error, "ERROR: %s (%d).", mqttErrorToString(err).toLocal8Bit().constData(), static_cast<int>(err));
 }
 
 void IPC::onMqttMessage(const QByteArray& message, const QString& topic)
 {
-    log(Log::Info, "Message Received [%s]", topic.toLatin1().constData());
+    log(Log::Info, "Message Received [%s]", topic.toLocal8Bit().constData());
     const Command command = parseCommand(topic, message, topicBase());
     log(Log::Debug, "Command : %s", command.name.toLocal8Bit().constData());
     log(Log::Debug, "Data    : %s", message.constData());
@@ -170,16 +170,6 @@ void IPC::publishError(const QString& command, const QString& error)
     publishDocument("error", document, 0, false);
 }
 
-void IPC::log(Log::Level level, const char* format, ...)
-{
-    if (!m_logEnabled)
-        return;
-    const QByteArray taggedFormat = (QStringLiteral("[IPC] ") + QString::fromUtf8(format)).toLatin1();
-    va_list args;
-    va_start(args, format);
-    Log::vprint(level, taggedFormat.constData(), args);
-    va_end(args);
-}
 
 } // namespace Tarvik
 

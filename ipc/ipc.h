@@ -2,7 +2,7 @@
 
 #include "config/config.h"
 #include "ipc/mqttclient.h"
-#include "log/log.h"
+#include "log/taggedlog.h"
 
 #include <NetworkManagerQt/AccessPoint>
 #include <NetworkManagerQt/ActiveConnection>
@@ -71,19 +71,18 @@ public slots:
 
 private slots:
     void onMqttStateChanged(Tarvik::MqttClient::ClientState state);
-    void onMqttErrorChanged(Tarvik::MqttClient::ClientError err);
+    void onMqttErrorChanged(Tarvik::MqttError::Code err);
     void onMqttMessage(const QByteArray& message, const QString& topic = QString());
     void onConnectTimeout();
 
 private:
-    void log(Log::Level level, const char* format, ...) __attribute__((format(printf, 3, 4)));
     // Publishes a document in the indented form that every topic uses.
     void publishDocument(const QString& topic, const QJsonObject& document, int qos, bool retain);
 
     Config* m_config = nullptr;
     MqttClient* m_client = nullptr;
     QTimer* m_connectTimer = nullptr;
-    bool m_logEnabled = true;
+    TaggedLog log{"[IPC] "};
 };
 
 } // namespace Tarvik

@@ -23,9 +23,9 @@ void initLibrary()
 
 MqttClient::ClientError errorFromConnack(int code)
 {
-    if (code >= MqttClient::InvalidProtocolVersion && code <= MqttClient::NotAuthorized)
+    if (code >= MqttError::InvalidProtocolVersion && code <= MqttError::NotAuthorized)
         return static_cast<MqttClient::ClientError>(code);
-    return MqttClient::ProtocolViolation;
+    return MqttError::ProtocolViolation;
 }
 
 MqttClient::ClientError errorFromLibrary(int rc)
@@ -37,16 +37,16 @@ MqttClient::ClientError errorFromLibrary(int rc)
     case MOSQ_ERR_ERRNO:
     case MOSQ_ERR_EAI:
     case MOSQ_ERR_LOOKUP:
-        return MqttClient::TransportInvalid;
+        return MqttError::TransportInvalid;
     case MOSQ_ERR_PROTOCOL:
     case MOSQ_ERR_MALFORMED_PACKET:
     case MOSQ_ERR_MALFORMED_UTF8:
     case MOSQ_ERR_DUPLICATE_PROPERTY:
     case MOSQ_ERR_OVERSIZE_PACKET:
     case MOSQ_ERR_PAYLOAD_SIZE:
-        return MqttClient::ProtocolViolation;
+        return MqttError::ProtocolViolation;
     default:
-        return MqttClient::UnknownError;
+        return MqttError::UnknownError;
     }
 }
 
@@ -82,7 +82,7 @@ struct MqttClient::Private {
     int keepAlive = 60;
 
     ClientState state = Disconnected;
-    ClientError error = NoError;
+    ClientError error = MqttError::NoError;
     bool refusedByBroker = false;
 
     QVector<Event> events;
@@ -384,12 +384,12 @@ void MqttClient::connectToHost()
     if (d->state != Disconnected)
         return;
     if (!d->ensureHandle()) {
-        d->queueError(UnknownError);
+        d->queueError(MqttError::UnknownError);
         d->flush();
         return;
     }
     d->applyCredentials();
-    d->error = NoError;
+    d->error = MqttError::NoError;
     d->refusedByBroker = false;
     d->queueState(Connecting);
     d->flush();
@@ -433,7 +433,7 @@ void MqttClient::closeTransport()
     if (d->state == Disconnected)
         return;
     d->destroyHandle();
-    d->queueError(TransportInvalid);
+    d->queueError(MqttError::TransportInvalid);
     d->queueState(Disconnected);
     d->flush();
 }

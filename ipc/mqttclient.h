@@ -4,6 +4,8 @@
 #include <QObject>
 #include <QString>
 
+#include "vocabulary/mqtterror.h"
+
 struct mosquitto;
 struct mosquitto_message;
 class QSocketNotifier;
@@ -26,20 +28,7 @@ public:
     };
     Q_ENUM(ClientState)
 
-    // Numbered like the error texts of the service: CONNACK codes 1..5, then
-    // transport, protocol and anything else from 256 on.
-    enum ClientError {
-        NoError = 0,
-        InvalidProtocolVersion = 1,
-        IdRejected = 2,
-        ServerUnavailable = 3,
-        BadUsernameOrPassword = 4,
-        NotAuthorized = 5,
-        TransportInvalid = 256,
-        ProtocolViolation,
-        UnknownError
-    };
-    Q_ENUM(ClientError)
+    using ClientError = MqttError::Code;
 
     explicit MqttClient(QObject* parent = nullptr);
     ~MqttClient() override;
@@ -70,7 +59,7 @@ public:
 
 signals:
     void stateChanged(Tarvik::MqttClient::ClientState state);
-    void errorChanged(Tarvik::MqttClient::ClientError error);
+    void errorChanged(Tarvik::MqttError::Code error);
     void messageReceived(const QByteArray& message, const QString& topic);
 
 private:

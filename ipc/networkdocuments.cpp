@@ -15,7 +15,7 @@ namespace Tarvik {
 namespace {
 
 const char* const serviceType = "network";
-const char* const serviceVersion = "1.0.15";
+const char* const serviceVersion = TARVIK_VERSION;
 
 // An active connection names its devices by path; the first one is its device.
 NetworkManager::Device::Ptr deviceOf(const NetworkManager::ActiveConnection::Ptr& connection)

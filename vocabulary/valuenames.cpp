@@ -275,18 +275,18 @@ QString modemInterfaceToString(ModemManager::Interface::Ptr iface)
     return lookup(table, QString::fromLatin1(iface->metaObject()->className()), unknown);
 }
 
-QString mqttErrorToString(MqttClient::ClientError error)
+QString mqttErrorToString(MqttError::Code error)
 {
     static const QMap<int, QString> table {
-        { MqttClient::NoError, "NoError" },
-        { MqttClient::InvalidProtocolVersion, "InvalidProtocolVersion" },
-        { MqttClient::IdRejected, "IdRejected" },
-        { MqttClient::ServerUnavailable, "ServerUnavailable" },
-        { MqttClient::BadUsernameOrPassword, "BadUsernameOrPassword" },
-        { MqttClient::NotAuthorized, "NotAuthorized" },
-        { MqttClient::TransportInvalid, "TransportInvalid" },
-        { MqttClient::ProtocolViolation, "ProtocolViolation" },
-        { MqttClient::UnknownError, "UnknownError" },
+        { MqttError::NoError, "NoError" },
+        { MqttError::InvalidProtocolVersion, "InvalidProtocolVersion" },
+        { MqttError::IdRejected, "IdRejected" },
+        { MqttError::ServerUnavailable, "ServerUnavailable" },
+        { MqttError::BadUsernameOrPassword, "BadUsernameOrPassword" },
+        { MqttError::NotAuthorized, "NotAuthorized" },
+        { MqttError::TransportInvalid, "TransportInvalid" },
+        { MqttError::ProtocolViolation, "ProtocolViolation" },
+        { MqttError::UnknownError, "UnknownError" },
     };
     return lookup(table, int(error), unknownText());
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ipc/mqttclient.h"
+#include "vocabulary/mqtterror.h"
 
 #include <ModemManagerQt/Interface>
 #include <NetworkManagerQt/AccessPoint>
@@ -30,6 +30,6 @@ QString apSecurityToString(ApSecurity security);
 QString apSecurity(NetworkManager::AccessPoint::Ptr ap);
 QString apCapabilitiesTostring(NetworkManager::AccessPoint::Capabilities capabilities);
 QString modemInterfaceToString(ModemManager::Interface::Ptr iface);
-QString mqttErrorToString(MqttClient::ClientError error);
+QString mqttErrorToString(MqttError::Code error);
 
 } // namespace Tarvik

@@ -14,12 +14,12 @@ from contract import off_contract
 from world import config_keys
 
 BINARY = os.environ["TARVIK_BINARY"]
-BANNER = re.compile(r"tarvik v1\.0\.15 \((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+BANNER = re.compile(r"tarvik v" + re.escape(os.environ["TARVIK_VERSION"]) + r" \((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
                     r"( [1-9]|[12][0-9]|3[01]) \d{4}, ([01]\d|2[0-3]):[0-5]\d:[0-5]\d\)\n")
 
 
-def run(*args, cwd=None, timeout=10):
-    return subprocess.run([BINARY, *args], capture_output=True, text=True, cwd=cwd, timeout=timeout)
+def run(*args, cwd=None, timeout=10, env=None):
+    return subprocess.run([BINARY, *args], capture_output=True, text=True, cwd=cwd, timeout=timeout, env=env)
 
 
 def option_names(help_text):
@@ -122,6 +122,18 @@ class TestConfigurationPath:
         assert len(keys) == 36 and "Modem/dns1" not in keys
         assert {k: keys[k] for k in DEFAULTS} == DEFAULTS
         assert all(v == "" for k, v in keys.items() if k not in DEFAULTS)
+
+
+    @pytest.mark.parametrize("content", [b'{"Mqtt": {"url": "broker"}}\n', bytes(range(256))], ids=["json", "binary"])
+    def test_unreadable_file_and_missing_system_bus_are_named(self, tmp_path, content):
+        conf = tmp_path / "tarvik.conf"
+        conf.write_bytes(content)
+        result = run("-f", str(conf), "-e", env=dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nonexistent"))
+        assert (f"[Config] Config file '{conf}' is not an INI file with the groups Mqtt, Ethernet, Wifi or Modem. "
+                "Using default values.") in result.stderr
+        # Qt cannot connect to the bus later: the service manager is to start tarvik again.
+        assert "[Engine] Cannot reach the D-Bus system bus: " in result.stderr
+        assert result.returncode == 1
 
 
 LEVEL_MARKERS = {

@@ -249,7 +249,7 @@ def test_status_names_the_primary_connection(connected):
 
 
 def test_info_describes_the_service(connected):
-    ask(connected, "info/get", "info", {"service": {"type": "network", "version": "1.0.15"}})
+    ask(connected, "info/get", "info", {"service": {"type": "network", "version": os.environ["TARVIK_VERSION"]}})
 
 
 def test_ethernet_state_carries_the_live_addresses(connected):

@@ -10,7 +10,7 @@ import time
 import pytest
 
 import scenarios
-from engineflow import published, start, stamp, sync
+from engineflow import NO_WIFI, published, start, stamp, sync
 from world import gsm_profile, wifi_profile
 
 
@@ -224,6 +224,17 @@ def restart_networkmanager(world, tarvik):
     tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$")
     # It comes back with its devices and profiles, announcing each.
     return networkmanager_devices(world)
+
+
+def test_networkmanager_missing_at_start_is_named_and_awaited(world, mqtt, tarvik_binary):
+    world.nm_service.stop()
+    tarvik = world.tarvik(config=NO_WIFI, extra_args=["-v", "2"])
+    tarvik.wait_for_log(r"\[Engine\] \[Network\] NetworkManager is not on the system bus\. Waiting for it\.$")
+    assert mqtt.wait_for(mqtt.topic("status")).json["connectivityStr"] == "UnknownConnectivity"
+
+    world.nm_service.start()
+    tarvik.wait_for_log(r"\[Engine\] \[Network\] NetworkManager is on the system bus\.$")
+    tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$")
 
 
 @pytest.mark.parametrize("restart", [restart_broker, restart_modemmanager, restart_networkmanager],

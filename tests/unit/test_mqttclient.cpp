@@ -12,6 +12,7 @@
 #include <algorithm>
 
 using Tarvik::MqttClient;
+using Tarvik::MqttError;
 using TarvikTest::Broker;
 
 namespace {
@@ -207,8 +208,8 @@ void TestMqttClient::reportsRefusedPortAsTransportInvalid()
 
     QTRY_COMPARE_WITH_TIMEOUT(probe.client.state(), MqttClient::Disconnected, Deadline);
     QCOMPARE(statesOf(probe.states), (QList<MqttClient::ClientState>{MqttClient::Connecting, MqttClient::Disconnected}));
-    QCOMPARE(errorsOf(probe.errors), QList<MqttClient::ClientError>{MqttClient::TransportInvalid});
-    QCOMPARE(probe.client.error(), MqttClient::TransportInvalid);
+    QCOMPARE(errorsOf(probe.errors), QList<MqttClient::ClientError>{MqttError::TransportInvalid});
+    QCOMPARE(probe.client.error(), MqttError::TransportInvalid);
 }
 
 void TestMqttClient::acceptsRightPasswordAndRejectsWrongOneWithNotAuthorized()
@@ -224,12 +225,12 @@ void TestMqttClient::acceptsRightPasswordAndRejectsWrongOneWithNotAuthorized()
     Probe wrong(secured.port(), "tarvik", "guess");
     QVERIFY(!wrong.connectAndWait());
     QTRY_COMPARE_WITH_TIMEOUT(wrong.client.state(), MqttClient::Disconnected, Deadline);
-    QCOMPARE(errorsOf(wrong.errors), QList<MqttClient::ClientError>{MqttClient::NotAuthorized});
+    QCOMPARE(errorsOf(wrong.errors), QList<MqttClient::ClientError>{MqttError::NotAuthorized});
     QCOMPARE(statesOf(wrong.states), (QList<MqttClient::ClientState>{MqttClient::Connecting, MqttClient::Disconnected}));
 
     Probe anonymous(secured.port());
     QVERIFY(!anonymous.connectAndWait());
-    QCOMPARE(errorsOf(anonymous.errors), QList<MqttClient::ClientError>{MqttClient::NotAuthorized});
+    QCOMPARE(errorsOf(anonymous.errors), QList<MqttClient::ClientError>{MqttError::NotAuthorized});
 }
 
 void TestMqttClient::reportsBrokerLossAsTransportInvalid()
@@ -241,7 +242,7 @@ void TestMqttClient::reportsBrokerLossAsTransportInvalid()
 
     own.stop();
     QTRY_COMPARE_WITH_TIMEOUT(probe.client.state(), MqttClient::Disconnected, Deadline);
-    QCOMPARE(errorsOf(probe.errors), QList<MqttClient::ClientError>{MqttClient::TransportInvalid});
+    QCOMPARE(errorsOf(probe.errors), QList<MqttClient::ClientError>{MqttError::TransportInvalid});
     QCOMPARE(statesOf(probe.states),
         (QList<MqttClient::ClientState>{MqttClient::Connecting, MqttClient::Connected, MqttClient::Disconnected}));
     QCOMPARE(probe.client.publish("after/loss", "x", 0, false), -1);
@@ -263,7 +264,7 @@ void TestMqttClient::closesTransportOfSilentPeerAndConnectsAgain()
 
     probe.client.closeTransport();
     QCOMPARE(probe.client.state(), MqttClient::Disconnected);
-    QCOMPARE(errorsOf(probe.errors), QList<MqttClient::ClientError>{MqttClient::TransportInvalid});
+    QCOMPARE(errorsOf(probe.errors), QList<MqttClient::ClientError>{MqttError::TransportInvalid});
     // The socket is really gone: the peer sees the end of the stream.
     QTRY_COMPARE_WITH_TIMEOUT(peer->state(), QAbstractSocket::UnconnectedState, Deadline);
 
@@ -285,7 +286,7 @@ void TestMqttClient::disconnectsCleanlyAndDropsPublishWhileDisconnected()
     probe.client.disconnectFromHost();
     QTRY_COMPARE_WITH_TIMEOUT(probe.client.state(), MqttClient::Disconnected, Deadline);
     QCOMPARE(probe.errors.count(), 0);
-    QCOMPARE(probe.client.error(), MqttClient::NoError);
+    QCOMPARE(probe.client.error(), MqttError::NoError);
     QCOMPARE(probe.client.publish("late", "x", 1, false), -1);
 }
 
