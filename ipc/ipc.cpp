@@ -1,5 +1,6 @@
 #include "ipc/ipc.h"
 
+#include "documents/documents.h"
 #include "ipc/commandintake.h"
 #include "vocabulary/valuenames.h"
 
@@ -159,17 +160,150 @@ void IPC::publish(const QString& topic, const QByteArray& data, int qos, bool re
     m_client->publish(fullTopic, data, qos, retain);
 }
 
-void IPC::publishDocument(const QString& topic, const QJsonObject& document, int qos, bool retain)
+void IPC::publish(Topic topic, const QJsonObject& document)
 {
-    publish(topic, QJsonDocument(document).toJson(), qos, retain);
+    struct Publication {
+        const char* name;
+        int qos;
+        bool retain;
+    };
+    // Errors are neither kept nor acknowledged; statistics are kept but sent at most once.
+    static const QMap<Topic, Publication> publications {
+        { Topic::Status, { "status", 2, true } },
+        { Topic::Info, { "info", 2, true } },
+        { Topic::Error, { "error", 0, false } },
+        { Topic::EthernetState, { "ethernet/state", 2, true } },
+        { Topic::EthernetConfig, { "ethernet/config", 2, true } },
+        { Topic::WifiState, { "wifi/state", 2, true } },
+        { Topic::WifiConfig, { "wifi/config", 2, true } },
+        { Topic::WifiAccessPoints, { "wifi/aps", 2, true } },
+        { Topic::WifiNetworks, { "wifi/networks", 2, true } },
+        { Topic::ModemState, { "modem/state", 2, true } },
+        { Topic::ModemConfig, { "modem/config", 2, true } },
+        { Topic::ModemSignal, { "modem/signal", 2, true } },
+        { Topic::ModemStats, { "modem/stats", 0, true } },
+    };
+    const Publication publication = publications.value(topic);
+    publish(QLatin1String(publication.name), QJsonDocument(document).toJson(), publication.qos, publication.retain);
 }
 
 void IPC::publishError(const QString& command, const QString& error)
 {
-    const QJsonObject document{{"command", command}, {"error", error}};
-    publishDocument("error", document, 0, false);
+    publish(Topic::Error, errorDocument(command, error));
 }
 
+void IPC::publishNetworkStatus()
+{
+    publish(Topic::Status, networkStatusDocument());
+}
+
+void IPC::publishNetworkInfo()
+{
+    publish(Topic::Info, networkInfoDocument());
+}
+
+void IPC::publishDeviceState(NetworkManager::Device::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    switch (dev->type()) {
+    case NetworkManager::Device::Wifi:
+        publishWifiState(dev.objectCast<NetworkManager::WirelessDevice>());
+        break;
+    case NetworkManager::Device::Modem:
+        publishModemState(dev.objectCast<NetworkManager::ModemDevice>());
+        break;
+    case NetworkManager::Device::Ethernet:
+        publishEthernetState(dev.objectCast<NetworkManager::WiredDevice>());
+        break;
+    default:
+        break;
+    }
+}
+
+void IPC::publishDeviceConfig(NetworkManager::Device::Ptr dev)
+{
+    if (!dev) {
+        return;
+    }
+    switch (dev->type()) {
+    case NetworkManager::Device::Wifi:
+        publishWifiConfig(dev.objectCast<NetworkManager::WirelessDevice>());
+        break;
+    case NetworkManager::Device::Modem:
+        publishModemConfig(dev.objectCast<NetworkManager::ModemDevice>());
+        break;
+    case NetworkManager::Device::Ethernet:
+        publishEthernetConfig(dev.objectCast<NetworkManager::WiredDevice>());
+        break;
+    default:
+        break;
+    }
+}
+
+// A failed cast of the routing passes a null device: nothing is published.
+
+void IPC::publishEthernetState(NetworkManager::WiredDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::EthernetState, ethernetStateDocument(dev));
+}
+
+void IPC::publishEthernetConfig(NetworkManager::WiredDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::EthernetConfig, ethernetConfigDocument(dev));
+}
+
+void IPC::publishWifiState(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::WifiState, wifiStateDocument(dev));
+}
+
+void IPC::publishWifiConfig(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::WifiConfig, wifiConfigDocument(dev));
+}
+
+void IPC::publishWifiAccessPoints(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::WifiAccessPoints, wifiAccessPointsDocument(dev));
+}
+
+void IPC::publishWifiNetworks(NetworkManager::WirelessDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::WifiNetworks, wifiNetworksDocument(dev));
+}
+
+void IPC::publishModemState(NetworkManager::ModemDevice::Ptr modem)
+{
+    if (modem)
+        publish(Topic::ModemState, modemStateDocument(modem));
+}
+
+void IPC::publishModemConfig(NetworkManager::ModemDevice::Ptr dev)
+{
+    if (dev)
+        publish(Topic::ModemConfig, modemConfigDocument(dev));
+}
+
+void IPC::publishDeviceModemSignal(NetworkManager::ModemDevice::Ptr modem)
+{
+    // Only a modem that ModemManager knows has a signal to publish.
+    const QJsonObject document = modem ? modemSignalDocument(modem) : QJsonObject();
+    if (!document.isEmpty())
+        publish(Topic::ModemSignal, document);
+}
+
+void IPC::publishModemStats(const QMap<QString, QMap<QString, double> >& stats)
+{
+    publish(Topic::ModemStats, modemStatsDocument(stats));
+}
 
 } // namespace Tarvik
 

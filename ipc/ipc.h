@@ -4,26 +4,43 @@
 #include "ipc/mqttclient.h"
 #include "log/taggedlog.h"
 
-#include <NetworkManagerQt/AccessPoint>
-#include <NetworkManagerQt/ActiveConnection>
-#include <NetworkManagerQt/Device>
-#include <NetworkManagerQt/IpConfig>
-#include <NetworkManagerQt/Ipv4Setting>
-#include <NetworkManagerQt/ModemDevice>
-#include <NetworkManagerQt/WiredDevice>
-#include <NetworkManagerQt/WirelessDevice>
 #include <QJsonObject>
-#include <QJsonValue>
 #include <QMap>
 #include <QObject>
+#include <QSharedPointer>
 #include <QString>
 
 class QTimer;
 
+namespace NetworkManager {
+class Device;
+class ModemDevice;
+class WiredDevice;
+class WirelessDevice;
+} // namespace NetworkManager
+
 namespace Tarvik {
 
+// Every topic tarvik publishes; the table in ipc.cpp gives each its name, QoS and retain flag.
+enum class Topic {
+    Status,
+    Info,
+    Error,
+    EthernetState,
+    EthernetConfig,
+    WifiState,
+    WifiConfig,
+    WifiAccessPoints,
+    WifiNetworks,
+    ModemState,
+    ModemConfig,
+    ModemSignal,
+    ModemStats,
+};
+
 // The service's only link to the outside world: one broker session kept alive
-// for ever, the command intake, and every published document.
+// for ever, the command intake, and the publication of every document (the
+// documents themselves are built in documents/).
 class IPC : public QObject
 {
     Q_OBJECT
@@ -38,11 +55,8 @@ public:
     void subscribe(const QString& filter);
     void unsubscribe(const QString& filter);
     void publish(const QString& topic, const QByteArray& data, int qos, bool retain);
-
-    static QJsonValue toJson(NetworkManager::ActiveConnection::Ptr connection);
-    static QJsonValue toJson(const NetworkManager::IpConfig& config);
-    static QJsonValue toJson(NetworkManager::Ipv4Setting::Ptr setting);
-    static QJsonValue toJson(NetworkManager::AccessPoint::Ptr ap);
+    // In the indented form, with the topic's own QoS and retain flag.
+    void publish(Topic topic, const QJsonObject& document);
 
 signals:
     void connected(const QString& url);
@@ -55,18 +69,19 @@ public slots:
     void disconnect();
     void publishNetworkStatus();
     void publishNetworkInfo();
-    void publishDeviceState(NetworkManager::Device::Ptr dev);
-    void publishDeviceConfig(NetworkManager::Device::Ptr dev);
-    void publishEthernetState(NetworkManager::WiredDevice::Ptr dev);
-    void publishEthernetConfig(NetworkManager::WiredDevice::Ptr dev);
-    void publishWifiState(NetworkManager::WirelessDevice::Ptr dev);
-    void publishWifiConfig(NetworkManager::WirelessDevice::Ptr dev);
-    void publishWifiAccessPoints(NetworkManager::WirelessDevice::Ptr dev);
-    void publishWifiNetworks(NetworkManager::WirelessDevice::Ptr dev);
-    void publishModemState(NetworkManager::ModemDevice::Ptr modem);
+    // Route by device type; other types publish nothing.
+    void publishDeviceState(QSharedPointer<NetworkManager::Device> dev);
+    void publishDeviceConfig(QSharedPointer<NetworkManager::Device> dev);
+    void publishEthernetState(QSharedPointer<NetworkManager::WiredDevice> dev);
+    void publishEthernetConfig(QSharedPointer<NetworkManager::WiredDevice> dev);
+    void publishWifiState(QSharedPointer<NetworkManager::WirelessDevice> dev);
+    void publishWifiConfig(QSharedPointer<NetworkManager::WirelessDevice> dev);
+    void publishWifiAccessPoints(QSharedPointer<NetworkManager::WirelessDevice> dev);
+    void publishWifiNetworks(QSharedPointer<NetworkManager::WirelessDevice> dev);
+    void publishModemState(QSharedPointer<NetworkManager::ModemDevice> modem);
     void publishModemStats(const QMap<QString, QMap<QString, double> >& stats);
-    void publishModemConfig(NetworkManager::ModemDevice::Ptr dev);
-    void publishDeviceModemSignal(NetworkManager::ModemDevice::Ptr modem);
+    void publishModemConfig(QSharedPointer<NetworkManager::ModemDevice> dev);
+    void publishDeviceModemSignal(QSharedPointer<NetworkManager::ModemDevice> modem);
     void publishError(const QString& command, const QString& error);
 
 private slots:
@@ -76,8 +91,6 @@ private slots:
     void onConnectTimeout();
 
 private:
-    // Publishes a document in the indented form that every topic uses.
-    void publishDocument(const QString& topic, const QJsonObject& document, int qos, bool retain);
 
     Config* m_config = nullptr;
     MqttClient* m_client = nullptr;

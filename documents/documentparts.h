@@ -12,7 +12,7 @@
 #include <QJsonValue>
 #include <QString>
 
-// Pieces that several device documents share; internal to the ipc module.
+// Pieces that several device documents share; internal to the documents module.
 namespace Tarvik {
 namespace DocumentParts {
 

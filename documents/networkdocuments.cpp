@@ -1,8 +1,8 @@
 // The network as a whole, the routing of generic devices, and the encoders
 // that every device document shares.
 
-#include "ipc/documentparts.h"
-#include "ipc/ipc.h"
+#include "documents/documentparts.h"
+#include "documents/documents.h"
 #include "vocabulary/devicestate.h"
 #include "vocabulary/valuenames.h"
 
@@ -29,7 +29,7 @@ NetworkManager::Device::Ptr deviceOf(const NetworkManager::ActiveConnection::Ptr
 
 } // namespace
 
-void IPC::publishNetworkStatus()
+QJsonObject networkStatusDocument()
 {
     QJsonObject document;
     document.insert("hostname", NetworkManager::hostname());
@@ -38,50 +38,25 @@ void IPC::publishNetworkStatus()
     document.insert("connectivity", int(NetworkManager::connectivity()));
     document.insert("connectivityStr", connectivityToString(NetworkManager::connectivity()));
     document.insert("primaryConnection", toJson(NetworkManager::primaryConnection()));
-    publishDocument("status", document, 2, true);
+    return document;
 }
 
-void IPC::publishNetworkInfo()
+QJsonObject networkInfoDocument()
 {
     QJsonObject service;
     service.insert("type", serviceType);
     service.insert("version", serviceVersion);
     QJsonObject document;
     document.insert("service", service);
-    publishDocument("info", document, 2, true);
+    return document;
 }
 
-void IPC::publishDeviceState(NetworkManager::Device::Ptr dev)
+QJsonObject errorDocument(const QString& command, const QString& error)
 {
-    if (!dev) {
-        return;
-    }
-    const NetworkManager::Device::Type type = dev->type();
-    if (type == NetworkManager::Device::Wifi) {
-        publishWifiState(dev.objectCast<NetworkManager::WirelessDevice>());
-    } else if (type == NetworkManager::Device::Modem) {
-        publishModemState(dev.objectCast<NetworkManager::ModemDevice>());
-    } else if (type == NetworkManager::Device::Ethernet) {
-        publishEthernetState(dev.objectCast<NetworkManager::WiredDevice>());
-    }
+    return QJsonObject{{"command", command}, {"error", error}};
 }
 
-void IPC::publishDeviceConfig(NetworkManager::Device::Ptr dev)
-{
-    if (!dev) {
-        return;
-    }
-    const NetworkManager::Device::Type type = dev->type();
-    if (type == NetworkManager::Device::Wifi) {
-        publishWifiConfig(dev.objectCast<NetworkManager::WirelessDevice>());
-    } else if (type == NetworkManager::Device::Modem) {
-        publishModemConfig(dev.objectCast<NetworkManager::ModemDevice>());
-    } else if (type == NetworkManager::Device::Ethernet) {
-        publishEthernetConfig(dev.objectCast<NetworkManager::WiredDevice>());
-    }
-}
-
-QJsonValue IPC::toJson(NetworkManager::ActiveConnection::Ptr connection)
+QJsonValue toJson(NetworkManager::ActiveConnection::Ptr connection)
 {
     if (!connection || !connection->isValid()) {
         return QJsonValue::Null;
@@ -96,7 +71,7 @@ QJsonValue IPC::toJson(NetworkManager::ActiveConnection::Ptr connection)
     return object;
 }
 
-QJsonValue IPC::toJson(const NetworkManager::IpConfig& config)
+QJsonValue toJson(const NetworkManager::IpConfig& config)
 {
     QJsonObject object;
     const QList<NetworkManager::IpAddress> addresses = config.addresses();
@@ -112,7 +87,7 @@ QJsonValue IPC::toJson(const NetworkManager::IpConfig& config)
     return object;
 }
 
-QJsonValue IPC::toJson(NetworkManager::Ipv4Setting::Ptr setting)
+QJsonValue toJson(NetworkManager::Ipv4Setting::Ptr setting)
 {
     if (!setting) {
         return QJsonValue::Null;
@@ -136,7 +111,7 @@ QJsonValue IPC::toJson(NetworkManager::Ipv4Setting::Ptr setting)
     return object;
 }
 
-QJsonValue IPC::toJson(NetworkManager::AccessPoint::Ptr ap)
+QJsonValue toJson(NetworkManager::AccessPoint::Ptr ap)
 {
     if (!ap) {
         return QJsonValue::Null;
@@ -194,7 +169,7 @@ QJsonObject unknownConfig(const NetworkManager::Device::Ptr& device)
 QJsonObject ipv4ConfigMembers(const NetworkManager::Connection::Ptr& profile)
 {
     const auto setting = profileSetting<NetworkManager::Ipv4Setting>(profile, NetworkManager::Setting::Ipv4);
-    return IPC::toJson(setting).toObject();
+    return toJson(setting).toObject();
 }
 
 QDBusPendingReply<NMVariantMapMap> waitForSecrets(const NetworkManager::Connection::Ptr& connection, const QString& settingName)

@@ -1,8 +1,8 @@
 // State, configuration, access points and networks of the wired and the
 // wireless device.
 
-#include "ipc/documentparts.h"
-#include "ipc/ipc.h"
+#include "documents/documentparts.h"
+#include "documents/documents.h"
 #include "vocabulary/devicestate.h"
 
 #include <NetworkManagerQt/Manager>
@@ -22,7 +22,7 @@ QJsonValue connectedIpv4(const NetworkManager::Device::Ptr& device, DeviceState 
     if (state != Connected || !active) {
         return QJsonValue::Null;
     }
-    return IPC::toJson(active->ipV4Config());
+    return toJson(active->ipV4Config());
 }
 
 // An SSID is raw bytes; clients get the part before the first zero byte.
@@ -55,11 +55,11 @@ QJsonObject networkObject(const NetworkManager::WirelessNetwork::Ptr& network)
     object.insert("signalStrength", network->signalStrength());
     const NetworkManager::Device::Ptr device = NetworkManager::findNetworkInterface(network->device());
     object.insert("device", device ? QJsonValue(device->interfaceName()) : QJsonValue::Null);
-    object.insert("referenceAP", IPC::toJson(network->referenceAccessPoint()));
+    object.insert("referenceAP", toJson(network->referenceAccessPoint()));
     QJsonArray accessPoints;
     for (const NetworkManager::AccessPoint::Ptr& ap : network->accessPoints()) {
         if (ap) {
-            accessPoints.append(IPC::toJson(ap));
+            accessPoints.append(toJson(ap));
         }
     }
     object.insert("accessPoints", accessPoints);
@@ -68,11 +68,8 @@ QJsonObject networkObject(const NetworkManager::WirelessNetwork::Ptr& network)
 
 } // namespace
 
-void IPC::publishEthernetState(NetworkManager::WiredDevice::Ptr dev)
+QJsonObject ethernetStateDocument(NetworkManager::WiredDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     const DeviceState state = mapDeviceState(dev->state());
     // Without a cable the device cannot be connected, whatever NetworkManager
     // still reports; the addresses follow the real state all the same.
@@ -80,50 +77,39 @@ void IPC::publishEthernetState(NetworkManager::WiredDevice::Ptr dev)
     DocumentParts::insertStateMembers(document, dev, dev->carrier() ? state : Disconnected);
     document.insert("mac", dev->hardwareAddress());
     document.insert("ipv4", connectedIpv4(dev, state));
-    publishDocument("ethernet/state", document, 2, true);
+    return document;
 }
 
-void IPC::publishEthernetConfig(NetworkManager::WiredDevice::Ptr dev)
+QJsonObject ethernetConfigDocument(NetworkManager::WiredDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
     if (!profile) {
-        publishDocument("ethernet/config", DocumentParts::unknownConfig(dev), 2, true);
-        return;
+        return DocumentParts::unknownConfig(dev);
     }
     QJsonObject document = DocumentParts::ipv4ConfigMembers(profile);
     document.insert("interface", dev->interfaceName());
-    publishDocument("ethernet/config", document, 2, true);
+    return document;
 }
 
-void IPC::publishWifiState(NetworkManager::WirelessDevice::Ptr dev)
+QJsonObject wifiStateDocument(NetworkManager::WirelessDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     const DeviceState state = mapDeviceState(dev->state());
     QJsonObject document;
     DocumentParts::insertStateMembers(document, dev, state);
     document.insert("mac", dev->hardwareAddress());
     document.insert("ipv4", connectedIpv4(dev, state));
     document.insert("ap", state == Connected ? toJson(dev->activeAccessPoint()) : QJsonValue::Null);
-    publishDocument("wifi/state", document, 2, true);
+    return document;
 }
 
-void IPC::publishWifiConfig(NetworkManager::WirelessDevice::Ptr dev)
+QJsonObject wifiConfigDocument(NetworkManager::WirelessDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
     if (!profile) {
         QJsonObject document = DocumentParts::unknownConfig(dev);
         document.insert("ssid", QJsonValue::Null);
         document.insert("key", QJsonValue::Null);
-        publishDocument("wifi/config", document, 2, true);
-        return;
+        return document;
     }
     QJsonObject document = DocumentParts::ipv4ConfigMembers(profile);
     const auto wireless = DocumentParts::profileSetting<NetworkManager::WirelessSetting>(
@@ -133,14 +119,11 @@ void IPC::publishWifiConfig(NetworkManager::WirelessDevice::Ptr dev)
     }
     insertWifiKey(document, profile);
     document.insert("interface", dev->interfaceName());
-    publishDocument("wifi/config", document, 2, true);
+    return document;
 }
 
-void IPC::publishWifiAccessPoints(NetworkManager::WirelessDevice::Ptr dev)
+QJsonObject wifiAccessPointsDocument(NetworkManager::WirelessDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     QJsonArray aps;
     for (const QString& path : dev->accessPoints()) {
         const NetworkManager::AccessPoint::Ptr ap = dev->findAccessPoint(path);
@@ -151,14 +134,11 @@ void IPC::publishWifiAccessPoints(NetworkManager::WirelessDevice::Ptr dev)
     QJsonObject document;
     document.insert("interface", dev->interfaceName());
     document.insert("aps", aps);
-    publishDocument("wifi/aps", document, 2, true);
+    return document;
 }
 
-void IPC::publishWifiNetworks(NetworkManager::WirelessDevice::Ptr dev)
+QJsonObject wifiNetworksDocument(NetworkManager::WirelessDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     QJsonArray networks;
     for (const NetworkManager::WirelessNetwork::Ptr& network : dev->networks()) {
         if (network) {
@@ -168,7 +148,7 @@ void IPC::publishWifiNetworks(NetworkManager::WirelessDevice::Ptr dev)
     QJsonObject document;
     document.insert("interface", dev->interfaceName());
     document.insert("networks", networks);
-    publishDocument("wifi/networks", document, 2, true);
+    return document;
 }
 
 } // namespace Tarvik

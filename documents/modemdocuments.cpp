@@ -1,8 +1,8 @@
 // The mobile-broadband device: state with the ModemManager identity, the
 // NetworkManager profile, signal quality and data usage.
 
-#include "ipc/documentparts.h"
-#include "ipc/ipc.h"
+#include "documents/documentparts.h"
+#include "documents/documents.h"
 #include "vocabulary/devicestate.h"
 
 #include <ModemManagerQt/Manager>
@@ -131,11 +131,8 @@ double roundedUsage(double value)
 
 } // namespace
 
-void IPC::publishModemState(NetworkManager::ModemDevice::Ptr modem)
+QJsonObject modemStateDocument(NetworkManager::ModemDevice::Ptr modem)
 {
-    if (!modem) {
-        return;
-    }
     const DeviceState state = mapDeviceState(modem->state());
     QJsonObject document;
     DocumentParts::insertStateMembers(document, modem, state);
@@ -145,42 +142,35 @@ void IPC::publishModemState(NetworkManager::ModemDevice::Ptr modem)
     if (device) {
         insertModemManagerMembers(document, device);
     }
-    publishDocument("modem/state", document, 2, true);
+    return document;
 }
 
-void IPC::publishModemConfig(NetworkManager::ModemDevice::Ptr dev)
+QJsonObject modemConfigDocument(NetworkManager::ModemDevice::Ptr dev)
 {
-    if (!dev) {
-        return;
-    }
     const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
     if (!profile) {
-        publishDocument("modem/config", DocumentParts::unknownConfig(dev), 2, true);
-        return;
+        return DocumentParts::unknownConfig(dev);
     }
     QJsonObject document = DocumentParts::ipv4ConfigMembers(profile);
     insertGsmMembers(document, profile);
     document.insert("interface", dev->interfaceName());
-    publishDocument("modem/config", document, 2, true);
+    return document;
 }
 
-void IPC::publishDeviceModemSignal(NetworkManager::ModemDevice::Ptr modem)
+QJsonObject modemSignalDocument(NetworkManager::ModemDevice::Ptr modem)
 {
-    if (!modem) {
-        return;
-    }
     const ModemManager::ModemDevice::Ptr device = modemManagerDevice(modem);
     const ModemManager::Modem::Ptr modemInterface = device ? device->modemInterface() : ModemManager::Modem::Ptr();
     if (!modemInterface) {
-        return;
+        return QJsonObject();
     }
     QJsonObject document;
     document.insert("interface", modem->interfaceName());
     document.insert("quality", int(modemInterface->signalQuality().signal));
-    publishDocument("modem/signal", document, 2, true);
+    return document;
 }
 
-void IPC::publishModemStats(const QMap<QString, QMap<QString, double> >& stats)
+QJsonObject modemStatsDocument(const UsageByMonth& stats)
 {
     QJsonObject document;
     for (auto period = stats.constBegin(); period != stats.constEnd(); ++period) {
@@ -189,7 +179,7 @@ void IPC::publishModemStats(const QMap<QString, QMap<QString, double> >& stats)
         usage.insert("download", roundedUsage(period.value().value("rxbytes", 0)));
         document.insert(period.key(), usage);
     }
-    publishDocument("modem/stats", document, 0, true);
+    return document;
 }
 
 } // namespace Tarvik
