@@ -31,6 +31,7 @@ fi
 build_dir=${TARVIK_BUILD_DIR:-$here/build}
 # A configured build dir configures itself again when a CMakeLists.txt changes.
 if [[ ! -f "$build_dir/CMakeCache.txt" || -n "${TARVIK_BUILD_TYPE:-}${TARVIK_CMAKE_ARGS:-}" ]]; then
-  cmake -S "$here" -B "$build_dir" -DCMAKE_BUILD_TYPE="${TARVIK_BUILD_TYPE:-RelWithDebInfo}" ${TARVIK_CMAKE_ARGS:-} >/dev/null
+  cmake -S "$here" -B "$build_dir" -DCMAKE_BUILD_TYPE="${TARVIK_BUILD_TYPE:-RelWithDebInfo}" \
+    ${TARVIK_CMAKE_ARGS:-} >/dev/null
 fi
 cmake --build "$build_dir" -j 2 ${1:+--target "$@"}

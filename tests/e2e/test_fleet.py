@@ -63,7 +63,8 @@ def test_operator_commands_a_gateway_through_the_bridge_and_keeps_its_retained_d
         wait_until(lambda: config_keys(tarvik.config_path).get('Ethernet/address') == '192.168.1.50', 10,
                    'the configuration rewritten by the set command')
         operator.command('ethernet/config/get', {'interface': 'eth0'})
-        operator.wait_for(CENTRAL_BASE + '/ethernet/config', predicate=lambda m: m.json.get('address') == '192.168.1.50')
+        operator.wait_for(CENTRAL_BASE + '/ethernet/config',
+                          predicate=lambda m: m.json.get('address') == '192.168.1.50')
         documents = wait_for_central_to_mirror(world, central)
         assert {'status', 'info', 'ethernet/config', 'wifi/state', 'modem/state'} <= set(documents)
         operator.disconnect()

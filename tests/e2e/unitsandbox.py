@@ -154,7 +154,8 @@ def confine_files(unit):
         for home in ('/home', '/root', '/run/user'):
             if os.path.isdir(home):
                 sh('mount', '-t', 'tmpfs', '-o', 'ro,mode=000', 'tmpfs', home)
-    options = [f'hidepid={v}' for v in unit.get('ProtectProc', [])] + [f'subset={v}' for v in unit.get('ProcSubset', [])]
+    options = [f'hidepid={v}' for v in unit.get('ProtectProc', [])]
+    options += [f'subset={v}' for v in unit.get('ProcSubset', [])]
     if options:
         sh('mount', '-t', 'proc', '-o', ','.join(options + ['nosuid', 'nodev', 'noexec']), 'proc', '/proc')
     writable = [p for value in unit.get('ReadWritePaths', []) for p in value.split()] + [p for p, _ in directories]
