@@ -6,7 +6,8 @@
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-"$here/scripts/setup.sh"
+build_dir=${TARVIK_BUILD_DIR:-$here/build}
+"$here/scripts/setup.sh" tarvik
 
 workdir=$(mktemp -d /var/tmp/tarvik-demo.XXXXXX)
 world_pid=""
@@ -55,13 +56,15 @@ EOF2
 
 # tarvik keeps its statistics in ./stats and a snapshot in /tmp: give it a
 # working directory of its own and, where possible, a private /tmp so the
-# demo leaves the machine as it found it.
+# demo leaves the machine as it found it. It runs from a copy in the working
+# directory: a checkout under /tmp would disappear behind the private /tmp.
 cd "$workdir"
+cp "$build_dir/tarvik" "$workdir/tarvik"
 if unshare --mount --propagation private true 2>/dev/null; then
   DBUS_SYSTEM_BUS_ADDRESS="$bus" unshare --mount --propagation private \
-    sh -c 'mount -t tmpfs tmpfs /tmp && exec "$0" "$@"' "$here/build/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
+    sh -c 'mount -t tmpfs tmpfs /tmp && exec "$0" "$@"' "$workdir/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
 else
-  DBUS_SYSTEM_BUS_ADDRESS="$bus" "$here/build/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
+  DBUS_SYSTEM_BUS_ADDRESS="$bus" "$workdir/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
 fi
 tarvik_pid=$!
 wait "$tarvik_pid"

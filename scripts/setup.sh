@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what tarvik needs to build, test and run its demo on Debian 12, then configures and builds.
+# Installs what tarvik needs to build, test, package and run its demo on Debian 12, then configures and
+# builds the given targets (default: everything, tests and benchmark included).
 # Safe to run again: packages already present are not touched, the build is incremental.
+# Leaves the machine's services alone: tests and the demo start a broker of their own on a free port.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -10,6 +12,7 @@ packages=(
   qtbase5-dev libkf5networkmanagerqt-dev modemmanager-qt-dev libmosquitto-dev
   mosquitto mosquitto-clients dbus python3 python3-dbusmock python3-dbus python3-gi
   python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml faketime iproute2 util-linux procps
+  dpkg-dev file lintian systemd python3-seccomp
 )
 # The AsyncAPI parser that checks docs/asyncapi.yaml comes from npm (any Node.js the machine has will do).
 command -v npm >/dev/null 2>&1 || packages+=(nodejs npm)
@@ -27,19 +30,18 @@ if ((${#missing[@]})); then
   apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
-# Exactly the versions of tests/contract/package-lock.json; install scripts are not needed.
+# Exactly the versions of tests/contract/package-lock.json; install scripts are not needed. Only a full
+# build needs them: the demo builds tarvik alone.
 contract="$here/tests/contract"
-if ! cmp -s "$contract/package-lock.json" "$contract/node_modules/.installed-lock.json"; then
+if [[ $# -eq 0 ]] && ! cmp -s "$contract/package-lock.json" "$contract/node_modules/.installed-lock.json"; then
   (cd "$contract" && npm ci --ignore-scripts --no-audit --no-fund --loglevel=error)
   cp "$contract/package-lock.json" "$contract/node_modules/.installed-lock.json"
 fi
 
-# The broker is started by the tests and the demo, never as a system service.
-if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet mosquitto 2>/dev/null; then
-  systemctl stop mosquitto || true
-fi
-
-build_type=${TARVIK_BUILD_TYPE:-RelWithDebInfo}
 build_dir=${TARVIK_BUILD_DIR:-$here/build}
-cmake -S "$here" -B "$build_dir" -DCMAKE_BUILD_TYPE="$build_type" ${TARVIK_CMAKE_ARGS:-} >/dev/null
-cmake --build "$build_dir" -j 2
+# A configured build dir configures itself again when a CMakeLists.txt changes.
+if [[ ! -f "$build_dir/CMakeCache.txt" || -n "${TARVIK_BUILD_TYPE:-}${TARVIK_CMAKE_ARGS:-}" ]]; then
+  cmake -S "$here" -B "$build_dir" -DCMAKE_BUILD_TYPE="${TARVIK_BUILD_TYPE:-RelWithDebInfo}" \
+    ${TARVIK_CMAKE_ARGS:-} >/dev/null
+fi
+cmake --build "$build_dir" -j 2 ${1:+--target "$@"}
