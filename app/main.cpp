@@ -1,3 +1,4 @@
+#include "app/stopsignals.h"
 #include "engine/engine.h"
 #include "log/log.h"
 
@@ -80,6 +81,8 @@ int main(int argc, char** argv)
     printBanner();
 
     QCoreApplication app(argc, argv);
+    // Before the engine, whose D-Bus thread must not take the signals.
+    StopSignals stopSignals;
     const QString defaultConfigPath = QCoreApplication::applicationDirPath() + QStringLiteral("/tarvik.conf");
     const Options options = parseCommandLine(app, defaultConfigPath);
 
@@ -87,9 +90,13 @@ int main(int argc, char** argv)
     Log::setLevel(options.level);
 
     auto* engine = new Tarvik::Engine(options.configPath, nullptr);
+    QObject::connect(&stopSignals, &StopSignals::received, &app, &QCoreApplication::quit);
     // Qt cannot reconnect the system bus later: without it, end with a failure
     // for the service manager to start tarvik again.
-    const int result = engine->start() ? app.exec() : EXIT_FAILURE;
+    const bool started = engine->start();
+    const int result = started ? app.exec() : EXIT_FAILURE;
+    if (started)
+        engine->stop();
     delete engine;
     return result;
 }

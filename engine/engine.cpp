@@ -78,7 +78,9 @@ bool Engine::start()
 
 void Engine::stop()
 {
+    log(Log::Info, "Stopping.");
     updateModemStats();
+    m_stats.sync();
     m_ipc->disconnect();
 }
 
