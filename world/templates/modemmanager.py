@@ -201,7 +201,7 @@ def bearer_props(options):
         'Suspended': False,
         'Multiplexed': False,
         'Ip4Config': dbus.Dictionary({'method': u32(3)}, signature='sv'),
-        'Ip6Config': dbus.Dictionary({}, signature='sv'),
+        'Ip6Config': dbus.Dictionary({'method': u32(0)}, signature='sv'),
         'Stats': dbus.Dictionary({}, signature='sv'),
         'ReloadStatsSupported': False,
         'IpTimeout': u32(20),
