@@ -8,11 +8,11 @@ namespace where dnsmasq answers DHCP. The broker, the test clients and tarvik ru
 namespace, so tarvik reads the data port's real counters from /sys/class/net.
 '''
 
+import atexit
 import contextlib
 import ctypes
 import itertools
 import os
-import re
 import shutil
 import socket
 import subprocess
@@ -27,6 +27,7 @@ from tarvikprocess import Tarvik
 from world import World
 
 DATA_PORT = 'wwan0'
+MODEM_DEVICE = 'cdc-wdm0'   # the simulated modem's primary port, the daemon's name for it
 OWN_DEVICE = 'tv0'
 MANAGED_PREFIX = 'tv'
 # Each link of the daemon and the subnet dnsmasq serves on it (the daemon's end gets <subnet>.2).
@@ -96,6 +97,7 @@ class Namespace:
             run('ip', 'netns', 'add', self.name)
         except RuntimeError as error:
             raise Unavailable(f'no network namespaces here ({error})') from error
+        atexit.register(self.delete)   # also when no teardown runs
         self.ip('link', 'set', 'lo', 'up')
 
     def ip(self, *args):
@@ -178,8 +180,17 @@ class NetworkManagerDaemon:
                              stdin=subprocess.DEVNULL, stdout=open(self.bus_log_file, 'wb'),
                              stderr=subprocess.DEVNULL)
         self.bus.wait_for_name(NM_BUS, self.proc, timeout, self.log_file)
-        binary = run('NetworkManager', '--version').strip()
-        self.version = f'NetworkManager {binary} (D-Bus Version {self.manager().manager_property("Version")})'
+        # The name comes before the objects: the manager answers once it is exported.
+        version = wait_until(self._version, timeout, 'the NetworkManager object', interval=0.01)
+        self.version = f'NetworkManager {run("NetworkManager", "--version").strip()} (D-Bus Version {version})'
+
+    def _version(self):
+        try:
+            return self.manager().manager_property('Version')
+        except dbus.exceptions.DBusException:
+            if self.proc.poll() is not None:
+                raise RuntimeError('NetworkManager exited' + log_tail(self.log_file)) from None
+            return None
 
     @property
     def bus_log_file(self):
@@ -234,10 +245,10 @@ class RealNetworkManager(NetworkManager):
             raise
 
     def bus_log(self):
-        """[(path, member)] of the calls made to the daemon and of its devices' StateChanged signals so far,
+        '''[(path, member)] of the calls made to the daemon and of its devices' StateChanged signals so far,
         in bus order (the test's own calls included).
 
-        Everything sent before this call is in: a call of its own, once the monitor has it, closes the list."""
+        Everything sent before this call is in: a call of its own, once the monitor has it, closes the list.'''
         mark = (f'/tarvik/mark{next(self._marks)}', 'Ping')
         try:
             self._call(mark[0], 'org.freedesktop.DBus.Peer', 'Ping')
@@ -277,23 +288,24 @@ class _NamespacedTarvik(Tarvik):
 class RealWorld(World):
     '''A World (see world.py) whose NetworkManager is the real daemon: w.nm reads it back, w.daemon runs it.
 
-    w.mm is the simulated ModemManager; the modem to connect is added by start(). start() raises
-    Unavailable when the machine cannot run the daemon.'''
+    w.mm is the simulated ModemManager; the modem to connect is added by start(). Making or starting one
+    raises Unavailable when the machine cannot run the daemon (and leaves nothing behind).'''
 
     def __init__(self, **kwargs):
+        reason = unavailable()
+        if reason:
+            raise Unavailable(reason)
         super().__init__(**kwargs)
         self.daemon = NetworkManagerDaemon(self.bus, self.directory)
         self.broker = _NamespacedBroker(self.daemon.netns, self.directory)
         self.modem = None
 
     def start(self):
-        reason = unavailable()
-        if reason:
-            raise Unavailable(reason)
         try:
             return super().start()
         except RuntimeError as error:
             if isinstance(error.__cause__, Unavailable):
+                self.stop()
                 raise error.__cause__ from None
             raise
 
@@ -305,8 +317,8 @@ class RealWorld(World):
         self.nm_service = self.daemon
         self.daemon.start()
         self.nm = self.daemon.manager()
-        self.nm.wait_for_device('cdc-wdm0', 30)
-        self.nm.wait_for_device(OWN_DEVICE, 30)
+        self.nm.wait_for_device(MODEM_DEVICE, state=30)
+        self.nm.wait_for_device(OWN_DEVICE, state=30)
         wait_until(lambda: not self.nm.manager_property('Startup'), 30, 'NetworkManager to finish starting')
 
     def tarvik(self, config=None, start=True, **kwargs):
@@ -325,7 +337,7 @@ class RealWorld(World):
                      for name in ('rx_bytes', 'tx_bytes'))
 
     def send_traffic(self, iface=DATA_PORT, size=1000, count=50):
-        '''UDP datagrams over the link in both directions (the far end answers nothing).'''
+        '''UDP datagrams over the link in both directions, to a port nobody listens on.'''
         subnet = SUBNETS[iface]
         for namespace, target in ((self.daemon.netns, f'{subnet}.1'), (self.daemon.peer, f'{subnet}.2')):
             with namespace.entered():
