@@ -13,6 +13,7 @@ packages=(
   mosquitto mosquitto-clients dbus python3 python3-dbusmock python3-dbus python3-gi
   python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml faketime iproute2 util-linux procps
   dpkg-dev file lintian systemd python3-seccomp
+  network-manager dnsmasq-base
 )
 # The AsyncAPI parser that checks docs/asyncapi.yaml comes from npm (any Node.js the machine has will do).
 command -v npm >/dev/null 2>&1 || packages+=(nodejs npm)
@@ -26,6 +27,14 @@ done
 if ((${#missing[@]})); then
   echo "setup: installing ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
+  # NetworkManager, dnsmasq and their dependencies are only run by the tests, inside namespaces: installing
+  # them must not start them on this machine (policy-rc.d answering 101 forbids every service start).
+  policy=/usr/sbin/policy-rc.d
+  if [[ ! -e $policy ]]; then
+    printf '#!/bin/sh\nexit 101\n' >"$policy"
+    chmod 755 "$policy"
+    trap 'rm -f "$policy"' EXIT
+  fi
   apt-get update -q
   apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi

@@ -86,22 +86,7 @@ class World:
         install_termination_handler()
         try:
             self.bus.start()
-            self.nm_service = MockService(
-                self.bus, os.path.join(TEMPLATES, 'networkmanager.py'), NM_BUS,
-                os.path.join(self.directory, 'networkmanager.log'),
-                ('/org/freedesktop/NetworkManager', 'org.freedesktop.DBus.Properties', 'Get',
-                 ['org.freedesktop.NetworkManager', 'Version']), self.nm_parameters, self.service_logs)
-            self.mm_service = MockService(
-                self.bus, os.path.join(TEMPLATES, 'modemmanager.py'), MM_BUS,
-                os.path.join(self.directory, 'modemmanager.log'),
-                ('/org/freedesktop/ModemManager1', 'org.freedesktop.DBus.ObjectManager', 'GetManagedObjects', []),
-                None, self.service_logs)
-            self.nm_service.launch()
-            self.mm_service.launch()
-            self.nm_service.wait_ready()
-            self.mm_service.wait_ready()
-            self.nm = NetworkManager(self.bus)
-            self.mm = ModemManager(self.bus)
+            self.start_services()
             self.broker.start()
         except BaseException as error:
             self.stop(remove=False)
@@ -109,6 +94,29 @@ class World:
                 raise RuntimeError(f'{error}\n(logs in {self.directory})') from error
             raise
         return self
+
+    def start_services(self):
+        '''The simulated NetworkManager and ModemManager, started side by side.'''
+        self.nm_service = MockService(
+            self.bus, os.path.join(TEMPLATES, 'networkmanager.py'), NM_BUS,
+            os.path.join(self.directory, 'networkmanager.log'),
+            ('/org/freedesktop/NetworkManager', 'org.freedesktop.DBus.Properties', 'Get',
+             ['org.freedesktop.NetworkManager', 'Version']), self.nm_parameters, self.service_logs)
+        self.mm_service = self.modemmanager_service()
+        self.nm_service.launch()
+        self.mm_service.launch()
+        self.nm_service.wait_ready()
+        self.mm_service.wait_ready()
+        self.nm = NetworkManager(self.bus)
+        self.mm = ModemManager(self.bus)
+
+    def modemmanager_service(self):
+        '''The simulated ModemManager for this world's bus (not yet launched).'''
+        return MockService(
+            self.bus, os.path.join(TEMPLATES, 'modemmanager.py'), MM_BUS,
+            os.path.join(self.directory, 'modemmanager.log'),
+            ('/org/freedesktop/ModemManager1', 'org.freedesktop.DBus.ObjectManager', 'GetManagedObjects', []),
+            None, self.service_logs)
 
     def restart_networkmanager(self):
         '''The simulated NetworkManager leaves the bus and comes back empty, as after a package upgrade.'''

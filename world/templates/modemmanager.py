@@ -24,6 +24,7 @@ MM = 'org.freedesktop.ModemManager1'
 OBJECT_MANAGER_IFACE = 'org.freedesktop.DBus.ObjectManager'
 PROPS_IFACE = 'org.freedesktop.DBus.Properties'
 MODEM_IFACE = MM + '.Modem'
+SIMPLE_IFACE = MM + '.Modem.Simple'
 GSM_IFACE = MM + '.Modem.Modem3gpp'
 USSD_IFACE = MM + '.Modem.Modem3gpp.Ussd'
 CDMA_IFACE = MM + '.Modem.ModemCdma'
@@ -200,7 +201,7 @@ def bearer_props(options):
         'Suspended': False,
         'Multiplexed': False,
         'Ip4Config': dbus.Dictionary({'method': u32(3)}, signature='sv'),
-        'Ip6Config': dbus.Dictionary({}, signature='sv'),
+        'Ip6Config': dbus.Dictionary({'method': u32(0)}, signature='sv'),
         'Stats': dbus.Dictionary({}, signature='sv'),
         'ReloadStatsSupported': False,
         'IpTimeout': u32(20),
@@ -209,6 +210,32 @@ def bearer_props(options):
         'Properties': dbus.Dictionary({'apn': dbus.String(options.get('apn', 'internet'))}, signature='sv'),
         'ConnectionError': dbus.Struct((dbus.String(''), dbus.String('')), signature='ss'),
     }
+
+
+def simple_connect(self, properties):
+    '''Modem.Simple.Connect as NetworkManager calls it: the modem's bearer, connected.'''
+    bearers = self.props[MODEM_IFACE]['Bearers']
+    if not bearers:
+        raise dbus.exceptions.DBusException('No bearer to connect', name=MM + '.Error.Core.Failed')
+    set_props(str(bearers[0]), BEARER_IFACE, {'Connected': dbus.Boolean(True)})
+    return bearers[0]
+
+
+def simple_disconnect(self, bearer):
+    for path in self.props[MODEM_IFACE]['Bearers']:
+        if bearer in ('/', path):
+            set_props(str(path), BEARER_IFACE, {'Connected': dbus.Boolean(False)})
+
+
+def simple_status(self):
+    modem = self.props[MODEM_IFACE]
+    status = {'state': u32(max(0, int(modem['State']))), 'signal-quality': modem['SignalQuality'],
+              'access-technologies': modem['AccessTechnologies']}
+    gsm = self.props.get(GSM_IFACE)
+    if gsm:
+        status.update({'m3gpp-registration-state': gsm['RegistrationState'],
+                       'm3gpp-operator-code': gsm['OperatorCode'], 'm3gpp-operator-name': gsm['OperatorName']})
+    return dbus.Dictionary(status, signature='sv')
 
 
 def add_child(path, iface, props, methods):
@@ -258,6 +285,10 @@ def AddModem(self, kind, options):
         ('Command', 'su', 's', 'ret = ""'),
     ])
     modem = obj(path)
+    # The real daemon lists Simple even though it has no properties: NetworkManager connects through it.
+    modem.props[SIMPLE_IFACE] = dbus.Dictionary({}, signature='sv')
+    modem.AddMethods(SIMPLE_IFACE, [('Connect', 'a{sv}', 'o', simple_connect), ('Disconnect', 'o', '', simple_disconnect),
+                                    ('GetStatus', '', 'a{sv}', simple_status)])
     for iface in extra_ifaces:
         if iface == GSM_IFACE:
             modem.AddProperties(iface, gsm_props(options))
