@@ -60,6 +60,7 @@ void IPC::connect()
     m_client->setUsername(mqtt.user);
     m_client->setPassword(mqtt.pass);
     m_client->setKeepAlive(KeepAliveSeconds);
+    m_client->setAttempt(m_attempts++);
     QObject::connect(m_client, &MqttClient::stateChanged, this, &IPC::onMqttStateChanged);
     QObject::connect(m_client, &MqttClient::messageReceived, this, &IPC::onMqttMessage);
     QObject::connect(m_client, &MqttClient::errorChanged, this, &IPC::onMqttErrorChanged);

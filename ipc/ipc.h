@@ -95,6 +95,7 @@ private:
     Config* m_config = nullptr;
     MqttClient* m_client = nullptr;
     QTimer* m_connectTimer = nullptr;
+    int m_attempts = 0;
     TaggedLog log{"[IPC] "};
 };
 

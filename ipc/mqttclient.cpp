@@ -10,6 +10,8 @@
 #include <QVector>
 
 #include <mutex>
+#include <netdb.h>
+#include <sys/socket.h>
 
 namespace Tarvik {
 
@@ -19,6 +21,28 @@ void initLibrary()
 {
     static std::once_flag once;
     std::call_once(once, [] { mosquitto_lib_init(); });
+}
+
+// The numeric form of one of the addresses a name resolves to, or the name
+// itself when it does not resolve (the library then reports why).
+QByteArray addressOf(const QString& hostname, int attempt)
+{
+    const QByteArray name = hostname.toUtf8();
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(name.constData(), nullptr, &hints, &found) != 0)
+        return name;
+    QList<QByteArray> addresses;
+    for (const addrinfo* entry = found; entry; entry = entry->ai_next) {
+        char text[NI_MAXHOST];
+        if (getnameinfo(entry->ai_addr, entry->ai_addrlen, text, sizeof(text), nullptr, 0, NI_NUMERICHOST) == 0
+            && !addresses.contains(text))
+            addresses.append(text);
+    }
+    freeaddrinfo(found);
+    return addresses.isEmpty() ? name : addresses.at(attempt % addresses.size());
 }
 
 MqttClient::ClientError errorFromConnack(int code)
@@ -76,6 +100,7 @@ struct MqttClient::Private {
     int trimsLeft = 0;
 
     QString hostname;
+    int attempt = 0;
     quint16 port = 1883;
     QString username;
     QString password;
@@ -319,6 +344,11 @@ MqttClient::~MqttClient()
     delete d;
 }
 
+void MqttClient::setAttempt(int attempt)
+{
+    d->attempt = attempt;
+}
+
 QString MqttClient::hostname() const
 {
     return d->hostname;
@@ -396,7 +426,7 @@ void MqttClient::connectToHost()
     if (d->state != Connecting)
         return;
 
-    const QByteArray host = d->hostname.toUtf8();
+    const QByteArray host = addressOf(d->hostname, d->attempt);
     const int rc = mosquitto_connect_async(d->mosq, host.constData(), d->port, d->keepAlive);
     if (rc == MOSQ_ERR_SUCCESS) {
         d->syncNotifiers();

@@ -43,6 +43,9 @@ public:
     void setPassword(const QString& password);
     int keepAlive() const;
     void setKeepAlive(int seconds);
+    // Which of the addresses the host name resolves to this attempt uses (counted
+    // round): a name such as localhost may give one the broker does not listen on.
+    void setAttempt(int attempt);
 
     ClientState state() const;
     ClientError error() const;
