@@ -1,0 +1,62 @@
+// Prints one document in the form tarvik publishes it, built against the
+// system bus of its environment, so that tests check the documents without a
+// broker: documentprobe <topic> [interface]
+#include "documents/documents.h"
+
+#include <NetworkManagerQt/Manager>
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QTimer>
+
+#include <cstdio>
+#include <functional>
+
+namespace {
+
+NetworkManager::Device::Ptr deviceNamed(const QString& interface)
+{
+    for (const NetworkManager::Device::Ptr& device : NetworkManager::networkInterfaces()) {
+        if (device->interfaceName() == interface)
+            return device;
+    }
+    return {};
+}
+
+QJsonObject build(const QString& topic, const QString& interface)
+{
+    using namespace Tarvik;
+    const auto device = deviceNamed(interface);
+    const auto wired = device.objectCast<NetworkManager::WiredDevice>();
+    const auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
+    const auto modem = device.objectCast<NetworkManager::ModemDevice>();
+    const QMap<QString, std::function<QJsonObject()>> builders {
+        { "status", [] { return networkStatusDocument(); } },
+        { "info", [] { return networkInfoDocument(); } },
+        { "ethernet/state", [&] { return ethernetStateDocument(wired); } },
+        { "ethernet/config", [&] { return ethernetConfigDocument(wired); } },
+        { "wifi/state", [&] { return wifiStateDocument(wireless); } },
+        { "wifi/config", [&] { return wifiConfigDocument(wireless); } },
+        { "wifi/aps", [&] { return wifiAccessPointsDocument(wireless); } },
+        { "wifi/networks", [&] { return wifiNetworksDocument(wireless); } },
+        { "modem/state", [&] { return modemStateDocument(modem); } },
+        { "modem/config", [&] { return modemConfigDocument(modem); } },
+        { "modem/signal", [&] { return modemSignalDocument(modem); } },
+    };
+    return builders.value(topic, [] { return QJsonObject{{"probe", "unknown document"}}; })();
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+    if (argc < 2)
+        return 2;
+    // The library settles its objects in the event loop first.
+    QTimer::singleShot(0, &app, [&] {
+        const QByteArray text = QJsonDocument(build(argv[1], argc > 2 ? argv[2] : QString())).toJson();
+        std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
+        app.quit();
+    });
+    return app.exec();
+}
