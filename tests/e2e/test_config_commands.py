@@ -44,23 +44,6 @@ def start(world, **kwargs):
     return tarvik, client
 
 
-def test_wifi_set_with_only_ssid_and_key_empties_ipv4_and_gives_a_link_local_profile(world):
-    scenarios.wifi(world)
-    tarvik, client = start(world)
-    tarvik.wait_for_log(re.escape("[Engine] [Wifi] SSID not configured."))
-
-    client.command("wifi/config/set", {"interface": "wlan0", "ssid": "HomeNet", "key": "sesame-1234"})
-    tarvik.wait_for_log(re.escape("[Engine] [Wifi] Connection 'HomeNet' created successfully."))
-
-    assert config_keys(tarvik.config_path) == full_file(world, Wifi={"ssid": "HomeNet", "key": "sesame-1234", "method": ""})
-    profile = world.nm.find_connection("HomeNet")
-    settings = world.nm.connection_settings(profile)
-    assert settings["ipv4"]["method"] == "link-local"
-    assert settings["802-11-wireless"]["ssid"] == b"HomeNet"
-    assert world.nm.connection_secrets(profile, "802-11-wireless-security")["psk"] == "sesame-1234"
-    assert client.messages(BASE + "/error") == []
-
-
 STATIC = {"method": "manual", "address": "192.168.50.7", "netmask": "255.255.255.0", "gateway": "192.168.50.1",
           "dns0": "192.168.50.1", "dns1": "9.9.9.9"}
 STATIC_STORED = {"method": "manual", "address-data": [("192.168.50.7", 24)],
