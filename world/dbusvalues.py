@@ -1,9 +1,11 @@
-'''D-Bus values in and out: plain Python values, and NetworkManager profiles typed as a{sa{sv}}.'''
+'''D-Bus values in and out: plain Python values, IPv4 addresses as NetworkManager's numbers, and
+profiles typed as a{sa{sv}}. The world and the simulated daemons (simulated/) both use them.'''
 
 import socket
 import struct
 
 import dbus
+
 
 def plain(value):
     '''D-Bus values as plain Python values (byte arrays become bytes).'''

@@ -1,0 +1,1 @@
+'''The simulated NetworkManager and ModemManager that the dbusmock templates in ../templates serve.'''
