@@ -45,6 +45,21 @@ def test_activation_publishes_one_state_per_reduced_state(world, mqtt, tarvik_bi
     assert status.json["primaryConnection"]["connectionName"] == "HomeNet"
 
 
+def test_cable_pulled_and_plugged_back_is_followed_to_connected(world, mqtt, tarvik_binary):
+    eth = scenarios.ethernet(world, active=True)
+    tarvik = start(world, mqtt)
+    since = time.monotonic()
+
+    world.nm.set_carrier(eth.device, False)
+    tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] State changed: Unavailable \(dev=eth0, reason=CarrierReason\)\.$")
+    # NetworkManager connects an autoconnect profile again once the cable is back.
+    world.nm.set_carrier(eth.device, True)
+    tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] State changed: Connected \(dev=eth0, reason=UnknownReason\)\.$")
+    sync(mqtt)
+    assert [m.json["stateStr"] for m in published(mqtt, "ethernet/state", since)] == [
+        "Disconnected", "Disconnected", "Connecting", "Connected"]
+
+
 def test_managed_flag_and_interface_name_are_only_logged(world, mqtt, tarvik_binary):
     wlan = world.nm.add_wifi("wlan0")
     tarvik = start(world, mqtt)

@@ -175,11 +175,22 @@ def set_carrier(device, carrier, follow):
     state = int(prop(device, DEVICE_IFACE, 'State'))
     if carrier and state == STATE_UNAVAILABLE:
         change_state(device, STATE_DISCONNECTED, REASON_CARRIER)
+        autoconnect(device)
     elif not carrier and state > STATE_UNAVAILABLE:
         W.devices[device]['generation'] += 1
         change_state(device, STATE_UNAVAILABLE, REASON_CARRIER, cleared_device_props(device))
         for ac in [a for a, i in W.active.items() if i['device'] == device]:
             activation.finish_deactivation(ac)
+
+
+def autoconnect(device):
+    '''As the daemon does when a cable returns: the first available profile that connects by itself
+    is activated.'''
+    for connection in prop(device, DEVICE_IFACE, 'AvailableConnections'):
+        settings = W.connections[str(connection)]['settings']
+        if bool(settings['connection'].get('autoconnect', True)):
+            activation.activate(str(connection), device, '/', instant=False)
+            return
 
 
 @entry('Disconnect')
