@@ -18,8 +18,7 @@ public:
         QString password;
     };
 
-    Broker();
-    explicit Broker(const Options& options);
+    explicit Broker(const Options& options = {});
     ~Broker();
 
     Broker(const Broker&) = delete;
@@ -32,7 +31,6 @@ public:
     // Starts again on the port of the previous run.
     bool restart();
 
-    bool isRunning() const;
     quint16 port() const { return m_port; }
     // Everything the broker wrote so far, for failure messages.
     QByteArray output();
