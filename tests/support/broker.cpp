@@ -20,8 +20,9 @@ quint16 freePort()
     return server.listen(QHostAddress::LocalHost, 0) ? server.serverPort() : 0;
 }
 
-Broker::Broker(const Options& options)
-    : m_options(options)
+Broker::Broker(const QString& username, const QString& password)
+    : m_username(username)
+    , m_password(password)
 {
 }
 
@@ -59,13 +60,13 @@ QByteArray Broker::output()
 
 bool Broker::writeConfiguration()
 {
-    const bool withUser = !m_options.username.isEmpty();
+    const bool withUser = !m_username.isEmpty();
     const QString passwordFile = m_dir.filePath("passwd");
     QStringList lines{QString("listener %1 127.0.0.1").arg(m_port), "set_tcp_nodelay true", "persistence false",
         "log_dest stderr", QString("allow_anonymous ") + (withUser ? "false" : "true")};
     if (withUser) {
         lines << "password_file " + passwordFile;
-        const QStringList arguments{"-b", "-c", passwordFile, m_options.username, m_options.password};
+        const QStringList arguments{"-b", "-c", passwordFile, m_username, m_password};
         if (QProcess::execute("mosquitto_passwd", arguments) != 0)
             return false;
     }

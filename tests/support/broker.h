@@ -13,12 +13,7 @@ namespace TarvikTest {
 class Broker
 {
 public:
-    struct Options {
-        QString username;
-        QString password;
-    };
-
-    explicit Broker(const Options& options = {});
+    explicit Broker(const QString& username = QString(), const QString& password = QString());
     ~Broker();
 
     Broker(const Broker&) = delete;
@@ -39,7 +34,8 @@ private:
     bool writeConfiguration();
     bool launch();
 
-    Options m_options;
+    QString m_username;
+    QString m_password;
     QTemporaryDir m_dir;
     QProcess m_process;
     QByteArray m_output;

@@ -56,7 +56,7 @@ private slots:
 
     void cleanup()
     {
-        if (QTest::currentTestFailed())
+        if (QTest::currentTestFailed() && m_log)
             qInfo().noquote() << "Captured log:\n" << m_log->text();
         m_ipc.clear();
         m_log.reset();
@@ -96,7 +96,7 @@ private slots:
 
     void logsTheBrokersRefusalOfAWrongPassword()
     {
-        Broker secured(Broker::Options{"tarvik", "s3cret"});
+        Broker secured("tarvik", "s3cret");
         QVERIFY2(secured.start(), secured.output().constData());
         QVERIFY(QSignalSpy(startIpc(secured.port(), "tarvik", "s3cret"), &IPC::connected).wait(Deadline));
         m_log.reset();
