@@ -5,7 +5,6 @@
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTextStream>
 
 #include <unistd.h>
 
@@ -18,15 +17,12 @@ constexpr int StartTimeoutMs = 10000;
 quint16 freePort()
 {
     QTcpServer server;
-    if (!server.listen(QHostAddress::LocalHost, 0))
-        return 0;
-    return server.serverPort();
+    return server.listen(QHostAddress::LocalHost, 0) ? server.serverPort() : 0;
 }
 
-Broker::Broker() = default;
-
-Broker::Broker(const Options& options)
-    : m_options(options)
+Broker::Broker(const QString& username, const QString& password)
+    : m_username(username)
+    , m_password(password)
 {
 }
 
@@ -37,15 +33,14 @@ Broker::~Broker()
 
 bool Broker::start()
 {
-    stop();
     m_port = freePort();
-    return m_port != 0 && launch();
+    return restart();
 }
 
 bool Broker::restart()
 {
     stop();
-    return m_port != 0 && launch();
+    return m_port != 0 && writeConfiguration() && launch();
 }
 
 void Broker::stop()
@@ -57,51 +52,35 @@ void Broker::stop()
     m_output += m_process.readAll();
 }
 
-bool Broker::isRunning() const
-{
-    return m_process.state() == QProcess::Running;
-}
-
 QByteArray Broker::output()
 {
-    if (m_process.state() != QProcess::NotRunning)
-        m_output += m_process.readAll();
+    m_output += m_process.readAll();
     return m_output;
 }
 
 bool Broker::writeConfiguration()
 {
-    const bool withUser = !m_options.username.isEmpty();
+    const bool withUser = !m_username.isEmpty();
     const QString passwordFile = m_dir.filePath("passwd");
+    QStringList lines{QString("listener %1 127.0.0.1").arg(m_port), "set_tcp_nodelay true", "persistence false",
+        "log_dest stderr", QString("allow_anonymous ") + (withUser ? "false" : "true")};
     if (withUser) {
-        const int rc = QProcess::execute("mosquitto_passwd",
-            {"-b", "-c", passwordFile, m_options.username, m_options.password});
-        if (rc != 0)
+        lines << "password_file " + passwordFile;
+        const QStringList arguments{"-b", "-c", passwordFile, m_username, m_password};
+        if (QProcess::execute("mosquitto_passwd", arguments) != 0)
             return false;
     }
-
-    QFile file(m_dir.filePath("mosquitto.conf"));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    QTextStream out(&file);
-    out << "listener " << m_port << " 127.0.0.1\n"
-        << "allow_anonymous " << (withUser ? "false" : "true") << "\n"
-        << "set_tcp_nodelay true\n"
-        << "persistence false\n"
-        << "log_dest stderr\n";
     // Started as root, mosquitto would otherwise switch to a user that cannot
     // read the private temporary directory.
     if (geteuid() == 0)
-        out << "user root\n";
-    if (withUser)
-        out << "password_file " << passwordFile << "\n";
-    return true;
+        lines << "user root";
+    QFile file(m_dir.filePath("mosquitto.conf"));
+    return m_dir.isValid() && file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+        && file.write((lines.join('\n') + '\n').toUtf8()) > 0;
 }
 
 bool Broker::launch()
 {
-    if (!m_dir.isValid() || !writeConfiguration())
-        return false;
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.start("mosquitto", {"-c", m_dir.filePath("mosquitto.conf")});
     if (!m_process.waitForStarted(StartTimeoutMs))
@@ -110,9 +89,7 @@ bool Broker::launch()
     // Ready once a TCP connection is accepted; a refused connect returns at
     // once, so each try waits a little for the process to get further.
     QDeadlineTimer deadline(StartTimeoutMs);
-    while (!deadline.hasExpired()) {
-        if (m_process.state() != QProcess::Running)
-            break;
+    while (!deadline.hasExpired() && m_process.state() == QProcess::Running) {
         QTcpSocket probe;
         probe.connectToHost(QHostAddress::LocalHost, m_port);
         if (probe.waitForConnected(1000))

@@ -13,13 +13,7 @@ namespace TarvikTest {
 class Broker
 {
 public:
-    struct Options {
-        QString username;
-        QString password;
-    };
-
-    Broker();
-    explicit Broker(const Options& options);
+    explicit Broker(const QString& username = QString(), const QString& password = QString());
     ~Broker();
 
     Broker(const Broker&) = delete;
@@ -32,7 +26,6 @@ public:
     // Starts again on the port of the previous run.
     bool restart();
 
-    bool isRunning() const;
     quint16 port() const { return m_port; }
     // Everything the broker wrote so far, for failure messages.
     QByteArray output();
@@ -41,7 +34,8 @@ private:
     bool writeConfiguration();
     bool launch();
 
-    Options m_options;
+    QString m_username;
+    QString m_password;
     QTemporaryDir m_dir;
     QProcess m_process;
     QByteArray m_output;

@@ -1,72 +1,64 @@
-// The Log module as seen from outside: a probe program logs what its command
-// line asks for, and the tests read the bytes that reach standard error
-// (LOG_PERROR) or, in a private mount namespace, the syslog socket.
-#include "support/childprocess.h"
+// The Log module as seen from outside: the bytes that reach standard error
+// (LOG_PERROR) and, in a private mount namespace, the syslog socket. Runs
+// that need a clock or a /dev/log of their own start this program again as
+// a child that logs a fixed sequence (see main).
+#include "log/log.h"
+#include "support/logcapture.h"
 
+#include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <functional>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+using Calls = std::function<void()>;
+using TarvikTest::LogCapture;
+Q_DECLARE_METATYPE(Calls)
+
 namespace {
+
+const char* const ChildVariable = "TARVIK_TEST_LOG_CHILD";
+
+// What the child logs: before open, then at two levels.
+int runChild()
+{
+    Log::info("before");
+    Log::open("test_log", true, false);
+    Log::setLevel(Log::Warning);
+    Log::info("dropped");
+    Log::warning("w");
+    Log::error("e");
+    Log::setLevel(Log::Debug);
+    Log::debug("d");
+    Log::print(Log::Level(7), "seven");
+    return 0;
+}
+
+// Runs this program as the child, behind the given command prefix (empty: none).
+QByteArray runSelf(QStringList prefix, QProcessEnvironment environment, bool* ok)
+{
+    environment.insert(ChildVariable, "1");
+    prefix << QCoreApplication::applicationFilePath();
+    QProcess child;
+    child.setProcessEnvironment(environment);
+    child.start(prefix.takeFirst(), prefix);
+    // A child that outlives the deadline is killed with the QProcess.
+    *ok = child.waitForFinished(60000) && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0;
+    return child.readAllStandardError();
+}
 
 QString libfaketime()
 {
-    for (const QString& dir : { QStringLiteral("/usr/lib/x86_64-linux-gnu/faketime"),
-                                QStringLiteral("/usr/lib/aarch64-linux-gnu/faketime"),
-                                QStringLiteral("/usr/lib/faketime") }) {
-        const QString path = dir + QStringLiteral("/libfaketime.so.1");
+    for (const char* arch : {"x86_64-linux-gnu/", "aarch64-linux-gnu/", ""}) {
+        const QString path = QString("/usr/lib/%1faketime/libfaketime.so.1").arg(arch);
         if (QFileInfo::exists(path))
             return path;
     }
     return QString();
-}
-
-struct Line {
-    QByteArray stampField; // what stands between the brackets
-    double stamp = 0;
-    QByteArray message;    // everything after "] "
-};
-
-// Splits the probe's standard error into its log lines; fails the test on a
-// line that does not carry the ident and a bracketed stamp.
-QList<Line> logLines(const QByteArray& standardError)
-{
-    static const QRegularExpression shape(QStringLiteral("^logprobe: \\[([ \\-0-9.]+)\\] (.*)$"),
-                                          QRegularExpression::DotMatchesEverythingOption);
-    QList<Line> lines;
-    QList<QByteArray> raw = standardError.split('\n');
-    if (!raw.isEmpty() && raw.last().isEmpty())
-        raw.removeLast();
-    for (const QByteArray& text : raw) {
-        const auto match = shape.match(QString::fromLatin1(text));
-        if (!match.hasMatch()) {
-            qWarning("unexpected line on stderr: %s", text.constData());
-            return {};
-        }
-        Line line;
-        line.stampField = match.captured(1).toLatin1();
-        line.stamp = line.stampField.trimmed().toDouble();
-        line.message = match.captured(2).toLatin1();
-        lines.append(line);
-    }
-    return lines;
-}
-
-QList<QByteArray> messages(const QList<Line>& lines)
-{
-    QList<QByteArray> result;
-    for (const Line& line : lines)
-        result.append(line.message);
-    return result;
-}
-
-ChildResult runProbe(const QStringList& steps)
-{
-    return runChild(probePath("logprobe"), steps);
 }
 
 } // namespace
@@ -76,94 +68,69 @@ class TestLog : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
+    void messagesReachingStandardError_data()
     {
-        QVERIFY2(QFileInfo(probePath("logprobe")).isExecutable(), "TARVIK_PROBE_logprobe is not set");
+        QTest::addColumn<bool>("colour");
+        QTest::addColumn<Calls>("calls");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("the mask drops what lies above the level; formats convert") << false << Calls([] {
+            Log::setLevel(Log::Error);
+            Log::warning("w0"); Log::error("e%d-%s", 0, "arg");
+            Log::setLevel(Log::Info);
+            Log::debug("d2"); Log::print(Log::Level(7), "7"); Log::info("i2");
+        }) << QStringList({"e0-arg", "i2"});
+        // Text from outside can neither forge a line nor flood the log.
+        QTest::newRow("colour wraps the message; texts are escaped, cut, and no formats") << true << Calls([] {
+            Log::setLevel(Log::Debug);
+            Log::error("E"); Log::warning("W"); Log::debug("D"); Log::print(Log::Level(7), "S");
+            Log::print(Log::Info, std::string("eth0\n[Engine] FAKE\x1b[31m\x7f\t%d"));
+            Log::info("%s", std::string(5000, 'x').c_str());
+        }) << QStringList({"\033[31mE\033[39m", "\033[33mW\033[39m", "\033[35mD\033[39m", "S\033[39m",
+                               "\033[39meth0\\n[Engine] FAKE\\x1b[31m\\x7f\\t%d\033[39m",
+                               "\033[39m" + QString(2048, 'x') + "...\033[39m"});
     }
 
-    void maskDropsMessagesAboveTheLevel()
+    void messagesReachingStandardError()
     {
-        const ChildResult run = runProbe({ "open", "level=1", "info=i1", "debug=d1", "warning=w1", "error=e1",
-                                           "vprint=7:seven1", "level=0", "warning=w0", "error=e0", "level=2",
-                                           "info=i2", "debug=d2", "level=3", "debug=d3", "vprint=7:seven3" });
-        QVERIFY(run.finished);
-        QCOMPARE(run.exitCode, 0);
-        const QList<QByteArray> expected { "w1", "e1", "e0", "i2", "d3", "seven3" };
-        QCOMPARE(messages(logLines(run.standardError)), expected);
-    }
-
-    void stampCountsWallClockSecondsSinceOpen()
-    {
-        const ChildResult run = runProbe({ "open", "info=first", "after=1.5", "info=later" });
-        QVERIFY(run.finished);
-        const QList<Line> lines = logLines(run.standardError);
-        QCOMPARE(lines.size(), 2);
-
-        const QRegularExpression oneDigit(QStringLiteral("^    \\d\\.\\d{3}$"));
-        for (const Line& line : lines)
-            QVERIFY2(oneDigit.match(QString::fromLatin1(line.stampField)).hasMatch(), line.stampField);
-        // Generous upper bounds: the machine may be loaded, but the clock must
-        // start at open and follow the wall clock.
-        QVERIFY2(lines[0].stamp >= 0 && lines[0].stamp < 3.0, lines[0].stampField);
-        QVERIFY2(lines[1].stamp >= 1.5 && lines[1].stamp < 9.9, lines[1].stampField);
+        QFETCH(bool, colour);
+        QFETCH(Calls, calls);
+        QFETCH(QStringList, expected);
+        LogCapture capture;
+        Log::open("test_log", true, colour);
+        calls();
+        QCOMPARE(capture.messages(), expected);
+        // The stamp counts seconds since open, in a field of nine.
+        const QRegularExpression stamp("^test_log: \\[    0\\.\\d{3}\\] ");
+        QVERIFY2(stamp.match(capture.text()).hasMatch(), capture.text());
     }
 
     void stampRoundsToMillisecondsAndIsNeverCut_data()
     {
-        QTest::addColumn<QString>("clock");
+        QTest::addColumn<QString>("step");
         QTest::addColumn<QByteArray>("expected");
-        // Each reading of the faked clock advances it by the step; the log
-        // reads it once at open and once per message.
-        QTest::newRow("12.3456 s rounds up") << "@2026-01-01 00:00:00 i12.3456"
-                                             << QByteArray("logprobe: [   12.346] a\nlogprobe: [   24.691] b\n");
-        QTest::newRow("frozen clock") << "2026-01-01 00:00:00"
-                                      << QByteArray("logprobe: [    0.000] a\nlogprobe: [    0.000] b\n");
-        QTest::newRow("wider than the field") << "@2026-01-01 00:00:00 i1000000"
-                                              << QByteArray("logprobe: [1000000.000] a\nlogprobe: [2000000.000] b\n");
+        QTest::newRow("12.3456 s rounds up") << "12.3456"
+            << QByteArray("[   12.346] w\n[   24.691] e\n[   37.037] d\n[   49.382] seven\n");
+        QTest::newRow("wider than the field") << "1000000"
+            << QByteArray("[1000000.000] w\n[2000000.000] e\n[3000000.000] d\n[4000000.000] seven\n");
     }
 
+    // Each reading of the faked clock advances it by the step; the log reads
+    // it at open and once per message it writes.
     void stampRoundsToMillisecondsAndIsNeverCut()
     {
-        QFETCH(QString, clock);
+        QFETCH(QString, step);
         QFETCH(QByteArray, expected);
+        QVERIFY2(!libfaketime().isEmpty(), "libfaketime is not installed (Debian package faketime)");
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         // libfaketime is preloaded ahead of the sanitizer runtime in a sanitizer build. It is preloaded
         // directly: the faketime wrapper leaves a semaphore in /dev/shm behind whenever it is killed.
         environment.insert("ASAN_OPTIONS", environment.value("ASAN_OPTIONS") + ":verify_asan_link_order=0");
-        QVERIFY2(!libfaketime().isEmpty(), "libfaketime is not installed (Debian package faketime)");
         environment.insert("LD_PRELOAD", libfaketime());
-        environment.insert("FAKETIME", clock);
-        const ChildResult run = runChild(probePath("logprobe"), { "open", "info=a", "info=b" }, environment);
-        QVERIFY2(run.finished && run.exitCode == 0, run.standardError);
-        QCOMPARE(run.standardError, expected);
-    }
-
-    void colourWrapsTheMessageButNotTheStamp()
-    {
-        const ChildResult run = runProbe({ "open-color", "level=3", "error=E", "warning=W", "info=I", "debug=D",
-                                           "vprint=7:S", "text=0:T" });
-        QVERIFY(run.finished);
-        const QList<QByteArray> expected { "\033[31mE\033[39m", "\033[33mW\033[39m", "\033[39mI\033[39m",
-                                           "\033[35mD\033[39m", "S\033[39m", "\033[31mT\033[39m" };
-        QCOMPARE(messages(logLines(run.standardError)), expected);
-    }
-
-    void onlyFormatsConvertArguments()
-    {
-        const ChildResult run = runProbe({ "open", "vprint=2:v-%d-%s", "text=2:t-%d-%s", "info=i-%d",
-                                           "open-color", "text=2:c-%d" });
-        QVERIFY(run.finished);
-        const QList<QByteArray> expected { "v-42-arg", "t-%d-%s", "i-42", "\033[39mc-%d\033[39m" };
-        QCOMPARE(messages(logLines(run.standardError)), expected);
-    }
-
-    void textFromOutsideCannotForgeLinesOrFloodTheLog()
-    {
-        const ChildResult run = runProbe({ "open", "text=2:eth0\n[Engine] FAKE\x1b[31m\x7f\t",
-                                           "text=2:" + QString(5000, 'x') });
-        QVERIFY(run.finished);
-        const QList<QByteArray> expected { "eth0\\n[Engine] FAKE\\x1b[31m\\x7f\\t", QByteArray(2048, 'x') + "..." };
-        QCOMPARE(messages(logLines(run.standardError)), expected);
+        environment.insert("FAKETIME", "@2026-01-01 00:00:00 i" + step);
+        bool ok = false;
+        const QByteArray standardError = runSelf({}, environment, &ok);
+        QVERIFY2(ok, standardError);
+        QCOMPARE(standardError, expected.replace("[", "test_log: ["));
     }
 
     // The syslog datagrams themselves: facility local1 after open, the
@@ -181,42 +148,42 @@ private slots:
         qstrncpy(address.sun_path, socketPath.constData(), sizeof(address.sun_path));
         QVERIFY(::bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0);
 
-        const QString script = QStringLiteral(
-            "mount -t tmpfs none /dev && touch /dev/log && mount --bind \"$0\" /dev/log && exec \"$@\"");
         const double before = QDateTime::currentMSecsSinceEpoch() / 1000.0;
-        const ChildResult run = runChild("unshare", { "--mount", "--propagation", "private", "/bin/sh", "-c", script,
-                                                      QString::fromLocal8Bit(socketPath), probePath("logprobe"),
-                                                      "info=before", "open", "level=1", "info=dropped", "warning=w",
-                                                      "error=e", "level=3", "debug=d", "vprint=7:seven" });
-        if (!run.standardError.contains("logprobe: [")) {
+        bool ok = false;
+        const QByteArray standardError = runSelf({"unshare", "--mount", "--propagation", "private", "/bin/sh", "-c",
+            "mount -t tmpfs none /dev && touch /dev/log && mount --bind \"$0\" /dev/log && exec \"$@\"",
+            QString::fromLocal8Bit(socketPath)}, QProcessEnvironment::systemEnvironment(), &ok);
+        if (!standardError.contains("test_log: [")) {
             ::close(receiver);
-            QSKIP(qPrintable("no private mount namespace here: " + QString::fromLocal8Bit(run.standardError)));
+            QSKIP(qPrintable("no private mount namespace here: " + QString::fromLocal8Bit(standardError)));
         }
-        QVERIFY2(run.finished && run.exitCode == 0, run.standardError);
+        QVERIFY2(ok, standardError);
 
-        QList<QByteArray> datagrams;
+        QStringList seen;
         char buffer[2048];
         ssize_t size;
-        while ((size = ::recv(receiver, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
-            datagrams.append(QByteArray(buffer, int(size)));
-        ::close(receiver);
-
-        const QRegularExpression shape(QStringLiteral("^<(\\d+)>\\w{3} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d logprobe: "
-                                                      "\\[([ \\d.]+)\\] (.*)$"));
-        QList<QByteArray> seen;
-        for (const QByteArray& datagram : datagrams) {
+        const QRegularExpression shape(
+            "^<(\\d+)>\\w{3} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d test_log: \\[([ \\d.]+)\\] (.*)$");
+        while ((size = ::recv(receiver, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0) {
+            const QByteArray datagram(buffer, int(size));
             const auto match = shape.match(QString::fromLatin1(datagram));
             QVERIFY2(match.hasMatch(), datagram);
-            seen.append(match.captured(1).toLatin1() + " " + match.captured(3).toLatin1());
-            if (match.captured(3) == "before") {
-                const double stamp = match.captured(2).toDouble();
-                QVERIFY2(stamp > before - 60 && stamp < before + 60, datagram);
-            }
+            seen << match.captured(1) + " " + match.captured(3);
+            if (match.captured(3) == "before")
+                QVERIFY2(qAbs(match.captured(2).toDouble() - before) < 60, datagram);
         }
-        const QList<QByteArray> expected { "14 before", "140 w", "139 e", "143 d", "143 seven" };
-        QCOMPARE(seen, expected);
+        ::close(receiver);
+        QCOMPARE(seen, QStringList({"14 before", "140 w", "139 e", "143 d", "143 seven"}));
     }
 };
 
-QTEST_GUILESS_MAIN(TestLog)
+int main(int argc, char* argv[])
+{
+    if (qEnvironmentVariableIsSet(ChildVariable))
+        return runChild();
+    QCoreApplication app(argc, argv);
+    TestLog test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "test_log.moc"

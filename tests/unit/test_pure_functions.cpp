@@ -1,11 +1,14 @@
-// The parts of tarvik that need neither a bus nor a broker: the comparison of
-// a profile's IPv4 settings with the configuration, the update map that goes
-// to NetworkManager, and the arithmetic of the data usage and its document.
+// The parts of tarvik that need neither a bus nor a broker: the reading of a
+// command, the comparison of a profile's IPv4 settings with the configuration,
+// the update map that goes to NetworkManager, and the arithmetic of the data
+// usage and its document.
 #include "documents/documents.h"
 #include "engine/datausage.h"
 #include "engine/profilesettings.h"
+#include "ipc/commandintake.h"
 
 #include <NetworkManagerQt/GsmSetting>
+#include <QJsonDocument>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -57,6 +60,35 @@ class TestPureFunctions : public QObject
     Q_OBJECT
 
 private slots:
+    void commandFromTopicAndPayload_data()
+    {
+        QTest::addColumn<QString>("topic");
+        QTest::addColumn<QString>("payload");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("data");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("object") << "wifi/config/set" << R"({"ssid": "HomeNet"})" << "wifi/config/set"
+                                << R"({"ssid":"HomeNet"})" << "";
+        QTest::newRow("empty") << "wifi/state/get" << "" << "wifi/state/get" << "{}" << "";
+        QTest::newRow("array") << "modem/state/get" << "[1, 2]" << "modem/state/get" << "{}" << "";
+        QTest::newRow("every occurrence of the base goes") << "tolv/network/get" << "{}" << "get" << "{}" << "";
+        QTest::newRow("unparsable") << "status/get" << "{" << "status/get" << "{}"
+                                    << "Json parse error: unterminated object";
+        QTest::newRow("at the limit") << "status/get" << "{}" + QString(4094, ' ') << "status/get" << "{}" << "";
+        QTest::newRow("above the limit") << "status/get" << "{}" + QString(4095, ' ') << "status/get" << "{}"
+                                         << "Payload too large: 4097 bytes (at most 4096)";
+    }
+
+    void commandFromTopicAndPayload()
+    {
+        QFETCH(QString, topic);
+        QFETCH(QString, payload);
+        const Command command = parseCommand("tolv/network/" + topic, payload.toUtf8(), "tolv/network");
+        QTEST(command.name, "name");
+        QTEST(QString(QJsonDocument(command.data).toJson(QJsonDocument::Compact)), "data");
+        QTEST(command.error, "error");
+    }
+
     void ipv4SettingFollowsTheRecord_data()
     {
         QTest::addColumn<Config::Ipv4Config>("wanted");
@@ -65,7 +97,8 @@ private slots:
             << record("auto") << "auto data=[] addresses=[] gateway= dns=[9.9.9.9]";
         QTest::newRow("manual to link-local keeps no address and no name server")
             << record("link-local") << "link-local data=[] addresses=[] gateway= dns=[]";
-        QTest::newRow("an unknown method means link-local") << record("") << "link-local data=[] addresses=[] gateway= dns=[]";
+        QTest::newRow("an unknown method means link-local")
+            << record("") << "link-local data=[] addresses=[] gateway= dns=[]";
         QTest::newRow("new static address, empty first name server skipped")
             << record("manual", "10.0.0.7", "255.255.0.0", "10.0.0.1", "", "1.1.1.1")
             << "manual data=[10.0.0.7/16] addresses=[10.0.0.7/16 via 10.0.0.1] gateway=10.0.0.1 dns=[1.1.1.1]";
