@@ -10,6 +10,7 @@ packages=(
   qtbase5-dev libkf5networkmanagerqt-dev modemmanager-qt-dev libmosquitto-dev
   mosquitto mosquitto-clients dbus python3 python3-dbusmock python3-dbus python3-gi
   python3-paho-mqtt python3-pytest faketime iproute2 util-linux procps
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()
