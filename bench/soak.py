@@ -20,6 +20,7 @@ After every round of both phases each retained topic must be on the broker.
 '''
 
 import argparse
+import contextlib
 import os
 import random
 import re
@@ -32,7 +33,7 @@ SOURCE = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(SOURCE, 'world'))
 
 import scenarios  # noqa: E402
-from world import World, config_keys, wait_until  # noqa: E402
+from world import MqttClient, World, config_keys, wait_until  # noqa: E402
 
 RETAINED = ('status', 'info', 'ethernet/state', 'wifi/state', 'modem/state', 'ethernet/config', 'wifi/config',
             'modem/config', 'wifi/aps', 'wifi/networks', 'modem/signal', 'modem/stats')
@@ -159,12 +160,21 @@ class Soak:
         mark = len(self.tarvik.log_lines)
         wait_until(lambda: any('Publishing Data usage statistics' in line for line in self.tarvik.log_lines[mark:]),
                    WAIT, 'a data-usage reading')
-        client = self.client()
-        self.sync(client)
-        client.disconnect()
+        with self.client() as client:
+            self.sync(client)
 
+    @contextlib.contextmanager
     def client(self, subscribe=True):
-        return self.world.mqtt(subscribe=self.world.base + '/#' if subscribe else None)
+        '''A client of its own for one step, disconnected and dropped afterwards: a client kept alive keeps
+        two descriptors, and past 1024 of them the MQTT client's select() fails.'''
+        client = MqttClient(self.world.broker.port, base=self.world.base)
+        client.connect()
+        try:
+            if subscribe:
+                client.subscribe(self.world.base + '/#')
+            yield client
+        finally:
+            client.disconnect()
 
     def sync(self, client):
         '''Returns once everything tarvik published before now has reached the client.'''
@@ -245,36 +255,34 @@ class Soak:
 
     def count_doubles(self):
         '''One signal change and one NetworkManager state change, each published exactly once.'''
-        client = self.client()
-        self.sync(client)
         quality = self.world.mm.get(self.built.modem.modem, 'org.freedesktop.ModemManager1.Modem', 'SignalQuality')[0]
         quality = 30 + (quality - 29) % 60
         state = 60 if self.world.nm.manager_property('State') != 60 else 70
         changes = (('modem/signal', lambda: self.world.mm.set_signal(self.built.modem.modem, quality),
                     lambda doc: doc.get('quality') == quality),
                    ('status', lambda: self.world.nm.set_status(state), lambda doc: doc.get('state') == state // 10))
-        for topic, change, matches in changes:
-            mark = len(client.messages())
-            change()
-            client.wait_for(client.topic(topic), timeout=WAIT, predicate=lambda m: not m.retain and matches(m.json))
+        with self.client() as client:
             self.sync(client)
-            seen = [m for m in client.messages()[mark:] if m.topic == client.topic(topic) and not m.retain]
-            doubled = sum(1 for m in seen if matches(m.json)) - 1
-            self.checks['doubled'] += 1
-            if doubled:
-                self.problems['doubled'] += doubled
-                self.notes.append(f'{topic} published {doubled + 1} times for one change')
-        client.disconnect()
+            for topic, change, matches in changes:
+                mark = len(client.messages())
+                change()
+                client.wait_for(client.topic(topic), timeout=WAIT,
+                                predicate=lambda m: not m.retain and matches(m.json))
+                self.sync(client)
+                seen = [m for m in client.messages()[mark:] if m.topic == client.topic(topic) and not m.retain]
+                doubled = sum(1 for m in seen if matches(m.json)) - 1
+                self.checks['doubled'] += 1
+                if doubled:
+                    self.problems['doubled'] += doubled
+                    self.notes.append(f'{topic} published {doubled + 1} times for one change')
 
     def count_lost_retained(self):
-        client = self.client(subscribe=False)
-        client.subscribe(self.world.base + '/#')
-        try:
-            wait_until(lambda: all(client.count(client.topic(t)) for t in RETAINED), WAIT, 'every retained topic')
-        except Exception:  # noqa: BLE001 - counted below
-            pass
-        lost = [t for t in RETAINED if not client.count(client.topic(t))]
-        client.disconnect()
+        with self.client() as client:
+            try:
+                wait_until(lambda: all(client.count(client.topic(t)) for t in RETAINED), WAIT, 'every retained topic')
+            except Exception:  # noqa: BLE001 - counted below
+                pass
+            lost = [t for t in RETAINED if not client.count(client.topic(t))]
         self.checks['retained'] += 1
         if lost:
             self.problems['lost'] += len(lost)
@@ -283,18 +291,17 @@ class Soak:
     def hostile_burst(self):
         before = self.config_text()
         commands = hostile_commands(self.rng, self.options.burst)
-        client = self.client(subscribe=False)
-        client.subscribe(client.topic('error'), qos=0)
-        client.subscribe(client.topic('info'), qos=0)
-        for index, (name, payload) in enumerate(commands):
-            client.client.publish(client.topic(name), payload, qos=index % 2)
-        try:
-            wait_until(lambda: client.count(client.topic('error')) >= len(commands), WAIT, 'an error for each')
-        except Exception:  # noqa: BLE001 - counted below
-            pass
-        self.sync(client)
-        unanswered = len(commands) - client.count(client.topic('error'))
-        client.disconnect()
+        with self.client(subscribe=False) as client:
+            client.subscribe(client.topic('error'), qos=0)
+            client.subscribe(client.topic('info'), qos=0)
+            for index, (name, payload) in enumerate(commands):
+                client.client.publish(client.topic(name), payload, qos=index % 2)
+            try:
+                wait_until(lambda: client.count(client.topic('error')) >= len(commands), WAIT, 'an error for each')
+            except Exception:  # noqa: BLE001 - counted below
+                pass
+            self.sync(client)
+            unanswered = len(commands) - client.count(client.topic('error'))
         self.done['hostile'] += len(commands)
         if unanswered:
             self.problems['unanswered'] += unanswered
@@ -364,15 +371,17 @@ class Soak:
         while time.monotonic() < into:
             pass
         self.tarvik.stop(sig=signal.SIGKILL)
+        # Hundreds of restarts: the pipes of each ended process go now, not when the soak ends.
+        self.tarvik.proc.stdout.close()
+        self.tarvik.proc.stderr.close()
         self.inside_writes[path] = self.inside_writes.get(path, 0) + (self.lock_holder(path) == pid)
 
     def kill_during_config_writes(self, round_index):
-        client = self.client(subscribe=False)
-        for index in range(round_index, round_index + self.rng.randrange(1, 10)):
-            client.command('ethernet/config/set', ETHERNET_SETS[index % 2], qos=0)
-            client.command('modem/config/set', MODEM_SETS[index % 2], qos=0)
-        self.kill_inside_write(self.config_path(), timeout=5)
-        client.disconnect()
+        with self.client(subscribe=False) as client:
+            for index in range(round_index, round_index + self.rng.randrange(1, 10)):
+                client.command('ethernet/config/set', ETHERNET_SETS[index % 2], qos=0)
+                client.command('modem/config/set', MODEM_SETS[index % 2], qos=0)
+            self.kill_inside_write(self.config_path(), timeout=5)
         self.done['kill_config'] += 1
         self.check_files('configuration writes')
         self.start_tarvik()
@@ -389,11 +398,10 @@ class Soak:
 
     def first_configuration_write(self):
         '''A set command that changes nothing makes tarvik write every key it has.'''
-        client = self.client()
-        client.command('wifi/config/set', {'ssid': 'HomeNet', 'key': scenarios.DEMO_WIFI_KEY, 'method': 'auto'})
-        wait_until(lambda: len(config_keys(self.config_path())) > 20, WAIT, 'tarvik to write its configuration')
-        self.sync(client)
-        client.disconnect()
+        with self.client() as client:
+            client.command('wifi/config/set', {'ssid': 'HomeNet', 'key': scenarios.DEMO_WIFI_KEY, 'method': 'auto'})
+            wait_until(lambda: len(config_keys(self.config_path())) > 20, WAIT, 'tarvik to write its configuration')
+            self.sync(client)
         self.initial_keys = config_keys(self.config_path())
         self.config_keys = set(self.initial_keys)
 
@@ -413,7 +421,7 @@ class Soak:
                     if self.step(f'round {index + 1}: {name} restart', restart):
                         self.step(f'round {index + 1}: after the {name} restart', self.count_doubles)
                 self.step(f'round {index + 1}: hostile commands', self.hostile_burst)
-                self.count_lost_retained()
+                self.step(f'round {index + 1}: retained documents', self.count_lost_retained)
                 rss = vm_rss_kib(self.tarvik.proc.pid)
                 self.rss.setdefault('round 1', rss)
                 print(f'soak: daemons and hostile input, round {index + 1}/{rounds}, VmRSS {rss / 1024:.1f} MB',
@@ -427,7 +435,7 @@ class Soak:
                 self.step(f'round {index + 1}: kill -9 during configuration writes',
                           lambda: self.kill_during_config_writes(index))
                 self.step(f'round {index + 1}: kill -9 during statistics writes', self.kill_during_statistics_writes)
-                self.count_lost_retained()
+                self.step(f'round {index + 1}: retained documents', self.count_lost_retained)
                 print(f'soak: kill -9 during writes, round {index + 1}/{rounds}', flush=True)
             # A lock file is left by a kill inside a write and goes at the next one; anything else is litter.
             leftovers = [name for name in os.listdir(self.world.directory)
