@@ -17,6 +17,7 @@ declare -A max_len=([command_intake]=4608 [config_reader]=4096 [statistics_reade
 targets=("$@")
 ((${#targets[@]})) || targets=(command_intake config_reader statistics_reader)
 
+command -v clang++-14 >/dev/null || { echo "fuzz: clang++-14 is missing; scripts/setup.sh installs it" >&2; exit 1; }
 cmake -S "$here" -B "$build" -DTARVIK_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j 2 >/dev/null
 
