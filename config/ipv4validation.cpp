@@ -8,11 +8,12 @@ namespace Tarvik {
 
 namespace {
 
-// Four decimal numbers of 0 to 255, no leading zeros, nothing around them.
+// Four decimal numbers of 0 to 255, no leading zeros, nothing around them. The end is \z: $ also
+// matches before a final newline, and "10.0.0.1\n" passed (found by fuzz/fuzz_command_intake).
 bool isDottedAddress(const QString& text)
 {
     static const QRegularExpression dotted(
-        QStringLiteral("^(25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])(\\.(25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])){3}$"));
+        QStringLiteral("^(25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])(\\.(25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])){3}\\z"));
     return dotted.match(text).hasMatch();
 }
 

@@ -14,6 +14,7 @@ packages=(
   python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml faketime iproute2 util-linux procps
   dpkg-dev file lintian systemd python3-seccomp
   network-manager dnsmasq-base
+  clang-14 libclang-rt-14-dev
 )
 # The AsyncAPI parser that checks docs/asyncapi.yaml comes from npm (any Node.js the machine has will do).
 command -v npm >/dev/null 2>&1 || packages+=(nodejs npm)

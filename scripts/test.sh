@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up what is missing, builds tarvik twice (plain, and with address and
-# undefined-behaviour sanitizers) and runs every test in both builds.
+# undefined-behaviour sanitizers), runs every test in both builds, then each
+# fuzz target on its regression inputs and for a bounded time.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -15,3 +16,5 @@ ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
 LSAN_OPTIONS="suppressions=$here/tests/sanitizer/lsan.supp:print_suppressions=0" \
 UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
   ctest --test-dir "$here/build-sanitize" --output-on-failure -j 2
+
+"$here/scripts/fuzz.sh"
