@@ -34,6 +34,7 @@ sys.path.insert(0, os.path.join(SOURCE, 'world'))
 
 import scenarios  # noqa: E402
 from world import MqttClient, World, config_keys, wait_until  # noqa: E402
+from bench import vm_rss_kib  # noqa: E402
 
 RETAINED = ('status', 'info', 'ethernet/state', 'wifi/state', 'modem/state', 'ethernet/config', 'wifi/config',
             'modem/config', 'wifi/aps', 'wifi/networks', 'modem/signal', 'modem/stats')
@@ -64,14 +65,6 @@ def group_values(keys, group):
 
 def sent_values(command, group):
     return {name: command.get(field, '') for field, name in FILE_KEYS[group].items()}
-
-
-def vm_rss_kib(pid):
-    with open(f'/proc/{pid}/status') as f:
-        for line in f:
-            if line.startswith('VmRSS:'):
-                return int(line.split()[1])
-    raise RuntimeError(f'no VmRSS for {pid}')
 
 
 def hostile_commands(rng, count):
