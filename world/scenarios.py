@@ -6,7 +6,7 @@ a test can steer what it set up (w.nm.set_carrier(eth.device, False), ...).
 
 from types import SimpleNamespace
 
-from world import ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
+from profiles import ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
 
 # Access points of the demo: one of each security kind.
 DEMO_APS = (
