@@ -27,17 +27,16 @@ def option_names(help_text):
 
 
 class TestBannerHelpVersion:
-    def test_version_prints_only_the_banner(self):
+    # Neither help nor version reads or creates the configuration file; help wins over version.
+    def test_version_and_help_print_and_exit_before_the_configuration(self, tmp_path):
+        conf = str(tmp_path / "never.conf")
         for flag in ("-V", "--version"):
-            result = run(flag)
-            assert result.returncode == 0, flag
+            result = run(flag, "-f", conf)
+            assert (result.returncode, result.stderr) == (0, ""), flag
             assert BANNER.fullmatch(result.stdout), repr(result.stdout)
-            assert result.stderr == ""
-
-    def test_help_follows_the_banner_and_lists_the_six_options(self):
-        for flag in ("-h", "--help"):
-            result = run(flag)
-            assert result.returncode == 0, flag
+        for args in (["-h"], ["--help", "--config", conf], ["-V", "-h"]):
+            result = run(*args)
+            assert result.returncode == 0, args
             banner, _, help_text = result.stdout.partition("\n")
             assert BANNER.fullmatch(banner + "\n")
             assert help_text.startswith("Usage: ")
@@ -51,17 +50,7 @@ class TestBannerHelpVersion:
                          "--config <filename> Specifies configuration file (default is ./tarvik.conf)."):
                 assert line in flat
             assert "--help-all" not in help_text and "-?" not in help_text
-
-    def test_help_wins_over_version(self):
-        result = run("-V", "-h")
-        assert result.returncode == 0
-        assert "Usage: " in result.stdout
-
-    def test_help_and_version_touch_no_configuration_file(self, tmp_path):
-        conf = tmp_path / "never.conf"
-        assert run("-V", "-f", str(conf)).returncode == 0
-        assert run("--help", "--config", str(conf)).returncode == 0
-        assert not conf.exists()
+        assert list(tmp_path.iterdir()) == []
 
     @pytest.mark.parametrize("args, message", [
         (["--bogus"], "Unknown option 'bogus'."),
