@@ -13,7 +13,6 @@ SOURCE_DIR = os.environ.get('TARVIK_SOURCE_DIR') or os.path.abspath(os.path.join
 sys.path.insert(0, os.path.join(SOURCE_DIR, 'world'))
 sys.path.insert(0, os.path.join(SOURCE_DIR, 'tests', 'contract'))
 
-import scenarios  # noqa: E402,F401  (re-exported for the tests)
 from contract import Contract  # noqa: E402
 from world import MqttClient, World  # noqa: E402
 
@@ -76,13 +75,6 @@ def module_world(request):
         yield w
     finally:
         _stop_world(w, False)
-
-
-@pytest.fixture
-def demo_world(world):
-    '''The demo scenario: eth0 + "Ethernet" profile, wlan0 with four networks connected to HomeNet, a GSM modem.'''
-    world.scenario = scenarios.demo(world)
-    return world
 
 
 @pytest.fixture

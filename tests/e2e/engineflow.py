@@ -47,12 +47,6 @@ def stamp(line):
     return float(STAMP.search(line).group(1))
 
 
-def lines_after(tarvik, first_line, pattern):
-    """The log lines matching pattern that come after the given line."""
-    index = tarvik.log_lines.index(first_line)
-    return [line for line in tarvik.log_lines[index + 1:] if re.search(pattern, line)]
-
-
 def addresses(ipv4):
     """The legacy address entries of an ipv4 setting as (address, prefix, gateway)."""
     return [(u32_to_ip4(a), p, u32_to_ip4(g)) for a, p, g in ipv4.get("addresses", [])]

@@ -12,7 +12,6 @@ import scenarios
 from world import wait_until
 
 BASE = "tolv/network"
-WRAP = 2 ** 32
 
 
 def read_ini(path):
@@ -91,20 +90,6 @@ def test_first_reading_counts_the_whole_counter_later_readings_the_difference(wo
     msg = client.wait_for(BASE + "/modem/stats",
                           predicate=lambda m: m.json == {"2026-03": {"download": 3.23, "upload": 1.5}})
     assert msg.qos == 0
-
-
-def test_counters_are_counted_modulo_2_to_the_32(world):
-    """A counter below the snapshot (the modem reconnected) wraps; 64-bit counters lose their high bits."""
-    connected_modem(world)
-    write_ini(os.path.join(world.directory, "private-tmp", "modem-snapshot.ini"), {"General": {
-        "timestamp": epoch("2026-03-10 11:00:00"), "duration": 0, "rxbytes": 5000, "txbytes": 2 * WRAP + 7}})
-    write_ini(stats_file(world), {"2026-03": {"rxbytes": 100, "txbytes": 7}})
-
-    tarvik = start_tarvik(world, "2026-03-10 12:00:00", counters=(1000, 2 * WRAP + 57))
-    wait_for_totals(world, "2026-03", (WRAP - 3900, 57))
-    # The published megabytes read the total as a signed 32-bit number.
-    tarvik.wait_for_log(re.escape("[Modem] Publishing Data usage statistics (2026-03 | U:0.0M | D:-0.0M)"))
-    wait_for_snapshot(tarvik, 1000, 2 * WRAP + 57)
 
 
 def test_month_change_and_restart_count_the_traffic_between_once(world):
