@@ -7,6 +7,7 @@ at interpreter exit, and stop helpers wait until its whole group is gone.
 import atexit
 import ctypes
 import os
+import random
 import signal
 import socket
 import subprocess
@@ -114,9 +115,17 @@ def log_tail(path, lines=20):
 
 
 def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
-        s.bind(('127.0.0.1', 0))
-        return s.getsockname()[1]
+    '''A free loopback port below the ephemeral range: a port that bind(0) hands out can be taken as the source
+    port of any outgoing connection while its broker restarts, and the broker then cannot listen again.'''
+    for _ in range(1000):
+        port = random.randrange(20000, 32000)
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+            try:
+                s.bind(('127.0.0.1', port))
+                return port
+            except OSError:
+                continue
+    raise RuntimeError('no free port between 20000 and 32000')
 
 
 def forget(proc):

@@ -77,6 +77,8 @@ def test_operator_commands_a_gateway_through_the_bridge_and_keeps_its_retained_d
         for broker in (central, world.broker):
             broker.restart()
             assert set(wait_for_central_to_mirror(world, central)) >= set(documents)
-        assert retained(central.port, SITE)['bridge/state'] == b'1'   # the operator sees the gateway online
+        # The operator sees the gateway online again once its bridge is back.
+        wait_until(lambda: retained(central.port, SITE).get('bridge/state') == b'1', 30, 'the bridge online',
+                   interval=0.1)
     finally:
         central.stop()

@@ -3,6 +3,7 @@
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QHostAddress>
+#include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTcpSocket>
 
@@ -14,10 +15,16 @@ namespace {
 constexpr int StartTimeoutMs = 10000;
 }
 
+// Below the ephemeral range, so that no outgoing connection takes the port while its broker restarts.
 quint16 freePort()
 {
-    QTcpServer server;
-    return server.listen(QHostAddress::LocalHost, 0) ? server.serverPort() : 0;
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const auto port = quint16(20000 + QRandomGenerator::global()->bounded(12000));
+        QTcpServer server;
+        if (server.listen(QHostAddress::LocalHost, port))
+            return port;
+    }
+    return 0;
 }
 
 Broker::Broker(const QString& username, const QString& password)
