@@ -4,6 +4,7 @@ Everything a fixture starts is stopped in its teardown; a failing test keeps its
 world directory (logs of the bus, the simulated services, the broker) and names it.
 '''
 
+import contextlib
 import os
 import sys
 
@@ -30,29 +31,17 @@ def pytest_runtest_teardown(item):
         pytest.fail('documents off the contract in docs/asyncapi.yaml:\n' + '\n'.join(violations), pytrace=False)
 
 
-@pytest.hookimpl(tryfirst=True, hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    report = outcome.get_result()
-    setattr(item, 'report_' + report.when, report)
-
-
-def _failed(node):
-    return any(getattr(node, 'report_' + when, None) is not None and getattr(node, 'report_' + when).failed
-               for when in ('setup', 'call'))
-
-
-def _start_world(**kwargs):
-    world = World(**kwargs)
-    world.start()
-    return world
-
-
-def _stop_world(world, failed):
-    keep = failed or world.keep
-    world.stop(remove=not keep)
-    if failed:
-        print(f'\nworld kept for inspection: {world.directory}')
+@contextlib.contextmanager
+def stopped_after(request, world):
+    '''Stops the started world afterwards; keeps its directory when a test failed meanwhile.'''
+    failed = request.session.testsfailed
+    try:
+        yield world
+    finally:
+        kept = request.session.testsfailed > failed
+        world.stop(remove=False if kept else None)
+        if kept:
+            print(f'\nworld kept for inspection: {world.directory}')
 
 
 @pytest.fixture
@@ -60,21 +49,15 @@ def world(request):
     '''A started world for one test: bus, NetworkManager, ModemManager, broker (no devices yet).
 
     Parametrise it indirectly with a dict of World() arguments, e.g. broker_users={"u": "p"}.'''
-    w = _start_world(**getattr(request, 'param', {}))
-    try:
+    with stopped_after(request, World(**getattr(request, 'param', {})).start()) as w:
         yield w
-    finally:
-        _stop_world(w, _failed(request.node))
 
 
 @pytest.fixture(scope='module')
 def module_world(request):
     '''A world shared by the tests of one module (they must tolerate each other's traces).'''
-    w = _start_world()
-    try:
+    with stopped_after(request, World().start()) as w:
         yield w
-    finally:
-        _stop_world(w, False)
 
 
 @pytest.fixture
@@ -83,15 +66,6 @@ def tarvik_binary():
     if not path or not os.path.exists(path):
         pytest.skip('TARVIK_BINARY is not built')
     return path
-
-
-@pytest.fixture
-def start_tarvik(world, tarvik_binary):
-    '''start_tarvik(config=..., **Tarvik options) runs the built tarvik in the world (stopped with it).'''
-    def start(**kwargs):
-        kwargs.setdefault('binary', tarvik_binary)
-        return world.tarvik(**kwargs)
-    return start
 
 
 @pytest.fixture

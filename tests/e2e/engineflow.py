@@ -1,9 +1,10 @@
 """Helpers shared by the end-to-end tests of monitoring and provisioning."""
 
+import os
 import re
 import time
 
-from world import u32_to_ip4
+from world import config_keys, u32_to_ip4
 
 # A Wi-Fi record that names no network: the Wi-Fi device is watched and
 # published, but no profile is looked at.
@@ -54,3 +55,10 @@ def addresses(ipv4):
 
 def dns(ipv4):
     return [u32_to_ip4(server) for server in ipv4.get("dns", [])]
+
+
+def usage_totals(path):
+    """{month: (rxbytes, txbytes)} as the statistics file holds them."""
+    keys = config_keys(path) if os.path.exists(path) else {}
+    return {key[:-8]: (int(value), int(keys[key[:-8] + "/txbytes"])) for key, value in keys.items()
+            if key.endswith("/rxbytes")}

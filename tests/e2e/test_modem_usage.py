@@ -9,31 +9,10 @@ import re
 import time
 
 import scenarios
-from world import wait_until
+from engineflow import usage_totals
+from world import config_keys, config_text, wait_until
 
 BASE = "tolv/network"
-
-
-def read_ini(path):
-    groups, group = {}, ""
-    if not os.path.exists(path):
-        return groups
-    with open(path) as f:
-        for line in f.read().splitlines():
-            if line.startswith("["):
-                group = line.strip("[]")
-                groups.setdefault(group, {})
-            elif "=" in line:
-                name, _, value = line.partition("=")
-                groups.setdefault(group, {})[name] = value
-    return groups
-
-
-def write_ini(path, groups):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w") as f:
-        for group, values in groups.items():
-            f.write(f"[{group}]\n" + "".join(f"{k}={v}\n" for k, v in values.items()) + "\n")
 
 
 def stats_file(world):
@@ -41,8 +20,7 @@ def stats_file(world):
 
 
 def totals(world):
-    """{month: (rxbytes, txbytes)} as stored in the statistics file."""
-    return {month: (int(v["rxbytes"]), int(v["txbytes"])) for month, v in read_ini(stats_file(world)).items()}
+    return usage_totals(stats_file(world))
 
 
 def wait_for_totals(world, month, expected, timeout=15):
@@ -53,8 +31,9 @@ def wait_for_totals(world, month, expected, timeout=15):
 def wait_for_snapshot(tarvik, rx, tx, timeout=15):
     """The snapshot is written after the totals: wait for it before stopping tarvik or reading it."""
     def current():
-        snapshot = read_ini(tarvik.tmp_file("modem-snapshot.ini")).get("General", {})
-        return snapshot if (snapshot.get("rxbytes"), snapshot.get("txbytes")) == (str(rx), str(tx)) else None
+        path = tarvik.tmp_file("modem-snapshot.ini")
+        snapshot = config_keys(path) if os.path.exists(path) else {}
+        return snapshot if (snapshot.get("General/rxbytes"), snapshot.get("General/txbytes")) == (str(rx), str(tx)) else None
     return wait_until(current, timeout, f"a snapshot of rx={rx} tx={tx}")
 
 
@@ -82,8 +61,8 @@ def test_first_reading_counts_the_whole_counter_later_readings_the_difference(wo
     wait_for_totals(world, "2026-03", (2_500_000, 1_200_000))
     tarvik.wait_for_log(re.escape("[Engine] [Modem] Publishing Data usage statistics (2026-03 | U:1.2M | D:2.5M)"))
     snapshot = wait_for_snapshot(tarvik, 2_500_000, 1_200_000)
-    assert snapshot["duration"] == "0"
-    assert 0 <= int(snapshot["timestamp"]) - epoch("2026-03-10 12:00:00") < 60
+    assert snapshot["General/duration"] == "0"
+    assert 0 <= int(snapshot["General/timestamp"]) - epoch("2026-03-10 12:00:00") < 60
 
     tarvik.set_counters("wwan0", 3_234_567, 1_500_000)
     wait_for_totals(world, "2026-03", (3_234_567, 1_500_000))
@@ -111,7 +90,9 @@ def test_old_months_are_pruned_and_stats_get_answers_from_the_file_without_count
     connected_modem(world)
     stored = {"2025-07": (1, 2), "2025-08": (3, 4), "2025-09": (5_000_000, 6_000_000),
               "2026-01": (0, 999_999), "2026-02": (1_234_567, 2_345_678)}
-    write_ini(stats_file(world), {month: {"rxbytes": rx, "txbytes": tx} for month, (rx, tx) in stored.items()})
+    os.makedirs(os.path.dirname(stats_file(world)))
+    with open(stats_file(world), "w") as f:
+        f.write(config_text({month: {"rxbytes": rx, "txbytes": tx} for month, (rx, tx) in stored.items()}))
     client = world.mqtt(subscribe=BASE + "/modem/stats")
     client.subscribe(BASE + "/error")
     tarvik = start_tarvik(world, "2026-02-03 12:00:00", counters=(777, 888), usage_sec=0)

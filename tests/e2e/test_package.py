@@ -13,6 +13,7 @@ import pytest
 
 import scenarios
 import unitsandbox
+from engineflow import usage_totals
 from world import config_keys, wait_until
 
 SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'unitsandbox.py')
@@ -68,11 +69,8 @@ def test_lintian_finds_no_error_and_systemd_accepts_the_hardened_unit(package, t
 
 def counted(state):
     '''Bytes counted in the state directory's statistics, all months together.'''
-    path = os.path.join(state, 'var-lib', 'tarvik', 'stats', 'modem.ini')
-    months = {}
-    for key, value in (config_keys(path) if os.path.exists(path) else {}).items():
-        months.setdefault(key.split('/')[0], {})[key.split('/')[1]] = int(value)
-    return (sum(m.get('rxbytes', 0) for m in months.values()), sum(m.get('txbytes', 0) for m in months.values()))
+    months = usage_totals(os.path.join(state, 'var-lib', 'tarvik', 'stats', 'modem.ini')).values()
+    return sum(rx for rx, _ in months), sum(tx for _, tx in months)
 
 
 def test_packaged_service_works_confined_and_a_restart_counts_only_new_traffic(world, package):

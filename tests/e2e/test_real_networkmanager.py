@@ -13,10 +13,10 @@ import time
 
 import pytest
 
-from engineflow import sync
+from conftest import stopped_after
+from engineflow import addresses, dns, sync, usage_totals
 from realnetworkmanager import MODEM_DEVICE as MODEM, OWN_DEVICE, RealWorld, Unavailable
-from test_modem_usage import read_ini
-from world import u32_to_ip4, wait_until
+from world import wait_until
 
 PROFILE = "Broadband"
 NM = "org.freedesktop.NetworkManager"
@@ -33,14 +33,8 @@ def real(request):
         print(f"\nreal daemon: {world.daemon.version if world else 'skipped, ' + skipped}")
     if not world:
         pytest.skip(skipped)
-    failed = request.session.testsfailed
-    try:
+    with stopped_after(request, world):
         yield world
-    finally:
-        kept = request.session.testsfailed > failed
-        world.stop(remove=False if kept else None)
-        if kept:
-            print(f"\nworld kept for inspection: {world.directory}")
 
 
 @pytest.fixture
@@ -82,7 +76,7 @@ def set_modem(real, tarvik, client, record):
     device = real.nm.wait_for_device(MODEM, 100)
     before = real.nm.active_connection(device)
     tarvik.mark()
-    client.command("modem/config/set", {"interface": MODEM, "apn": "internet", "method": "auto", **record})
+    client.command("modem/config/set", {"interface": MODEM, **record})
     line = outcome(tarvik)
     if line.endswith("updated."):
         wait_until(lambda: real.nm.active_connection(device) not in ("/", before) and real.nm.device_state(device) == 100,
@@ -90,27 +84,13 @@ def set_modem(real, tarvik, client, record):
     return line
 
 
-def daemon_ipv4(real, config):
-    """An IP4Config of the daemon as tarvik's "ipv4" member."""
+def daemon_ipv4(real, owner, interface):
+    """The IP4Config of a device or an active connection of the daemon, as tarvik's "ipv4" member."""
+    config = real.nm.get(owner, f"{NM}.{interface}", "Ip4Config")
     data = real.nm.get(config, f"{NM}.IP4Config", "AddressData")[0]
     dns = [entry["address"] for entry in real.nm.get(config, f"{NM}.IP4Config", "NameserverData")]
     return {"address": data["address"], "netmask": str(ipaddress.IPv4Network(f"0.0.0.0/{data['prefix']}").netmask),
             "gateway": real.nm.get(config, f"{NM}.IP4Config", "Gateway"), **{f"dns{i}": a for i, a in enumerate(dns[:2])}}
-
-
-def modem_state(real, device):
-    return {"interface": MODEM, "state": 4, "ipv4": daemon_ipv4(real, real.nm.get(device, f"{NM}.Device", "Ip4Config"))}
-
-
-def status(real):
-    primary = real.nm.manager_property("PrimaryConnection")
-    return {"state": real.nm.manager_property("State") // 10, "connectivity": real.nm.manager_property("Connectivity"),
-            "hostname": real.nm.get(f"/{NM.replace('.', '/')}/Settings", f"{NM}.Settings", "Hostname"),
-            "primaryConnection": {
-                "connectionName": real.nm.get(primary, f"{NM}.Connection.Active", "Id"),
-                "interface": real.nm.get(real.nm.get(primary, f"{NM}.Connection.Active", "Devices")[0],
-                                         f"{NM}.Device", "Interface"),
-                "ipv4": daemon_ipv4(real, real.nm.get(primary, f"{NM}.Connection.Active", "Ip4Config"))}}
 
 
 def within(document, expected):
@@ -148,17 +128,18 @@ def test_modem_profile_is_created_activated_published_and_counted(real, start):
     # The daemon reports the modem activated before the DHCP lease on its data port arrives.
     wait_until(lambda: real.nm.get(real.nm.get(device, f"{NM}.Device", "Ip4Config"), f"{NM}.IP4Config", "AddressData"),
                10, "the data port's lease")
-    for topic, expected in (("modem/state", lambda: modem_state(real, device)), ("status", lambda: status(real))):
+    primary = real.nm.manager_property("PrimaryConnection")
+    documents = {"modem/state": lambda: {"interface": MODEM, "state": 4, "ipv4": daemon_ipv4(real, device, "Device")},
+                 "status": lambda: {"primaryConnection": {"connectionName": PROFILE, "interface": MODEM,
+                                                          "ipv4": daemon_ipv4(real, primary, "Connection.Active")}}}
+    for topic, expected in documents.items():
         assert ": null" not in agrees(client, topic, expected).text
 
     # Without a snapshot the first reading counts the data port's counters whole.
     real.send_traffic()
     stats = os.path.join(real.directory, "stats", "modem.ini")
-
-    def counted():
-        totals = [(int(v["rxbytes"]), int(v["txbytes"])) for v in read_ini(stats).values()]
-        return totals == [real.counters()] and totals[0][0] > 50_000
-    wait_until(counted, 15, f"the data port's counters {real.counters()} in {stats}")
+    wait_until(lambda: (totals := list(usage_totals(stats).values())) == [real.counters()] and totals[0][0] > 50_000,
+               15, f"the data port's counters {real.counters()} in {stats}")
 
     retained = real.mqtt(subscribe=client.topic("modem/config"))
     assert retained.wait_for(client.topic("modem/config")).json == {
@@ -166,32 +147,10 @@ def test_modem_profile_is_created_activated_published_and_counted(real, start):
         "username": ""}
 
 
-def test_a_second_start_leaves_the_profile_alone(real, start):
-    device, profile = real.nm.wait_for_device(MODEM, 100), real.nm.find_connection(PROFILE)
-    active, since = real.nm.active_connection(device), len(real.nm.bus_log())
-    tarvik, _ = start({"Modem": {"usageSec": 1}})
-    assert outcome(tarvik) == f"No update required for connection '{PROFILE}'."
-    assert [call for call in real.nm.bus_log()[since:]
-            if call in ((profile, "Update"), (profile, "Update2")) or call[1] == "ActivateConnection"] == []
-    assert (real.nm.active_connection(device), real.nm.device_state(device)) == (active, 100)
-
-
-def test_modem_config_set_updates_and_reactivates(real, start):
-    tarvik, client = start()
-    profile = real.nm.find_connection(PROFILE)
-    # Without a password the user goes too: the daemon would wait for a secret agent to supply one.
-    for record in ({"apn": "internet.example", "username": "user", "password": "secret"}, {"apn": "web.example"}):
-        assert set_modem(real, tarvik, client, record) == f"Connection '{PROFILE}' updated.", record
-        gsm = real.nm.connection_settings(profile)["gsm"]
-        assert (gsm["apn"], gsm.get("username", ""), real.nm.connection_secrets(profile, "gsm").get("password", "")) == (
-            record["apn"], record.get("username", ""), record.get("password", ""))
-
-
 def stored_ipv4(real, profile):
     ipv4 = real.nm.connection_settings(profile)["ipv4"]
-    return (ipv4["method"], [(u32_to_ip4(a), p, u32_to_ip4(g)) for a, p, g in ipv4.get("addresses", [])],
-            [(d["address"], d["prefix"]) for d in ipv4.get("address-data", [])], ipv4.get("gateway", ""),
-            [u32_to_ip4(server) for server in ipv4.get("dns", [])])
+    return (ipv4["method"], addresses(ipv4), [(d["address"], d["prefix"]) for d in ipv4.get("address-data", [])],
+            ipv4.get("gateway", ""), dns(ipv4))
 
 
 def recorded_ipv4(record):
@@ -204,18 +163,34 @@ def recorded_ipv4(record):
     return "manual", [(address, prefix, gateway)], [(address, prefix)], gateway, dns
 
 
-def test_ipv4_method_changes_are_stored_as_recorded(real, start):
-    tarvik, client = start()
-    profile = real.nm.find_connection(PROFILE)
-    for record in ({"method": "manual", "address": "10.64.0.20", "netmask": "255.255.255.0", "gateway": "10.64.0.1",
-                    "dns0": "10.64.0.53", "dns1": "9.9.9.9"},
-                   {"method": "auto", "dns0": "10.64.0.53", "dns1": "9.9.9.9"},
-                   {"method": "link-local"},
-                   {"method": "manual", "address": "10.64.1.30", "netmask": "255.255.0.0", "gateway": "10.64.0.1",
-                    "dns0": "1.1.1.1"}):
-        # With a password: these steps must not hang on how an empty one is sent.
-        line = set_modem(real, tarvik, client, {"password": "secret", **record})
-        assert (line, stored_ipv4(real, profile)) == (f"Connection '{PROFILE}' updated.", recorded_ipv4(record))
+SETS = [
+    {"apn": "internet.example", "username": "user", "password": "secret", "method": "manual", "address": "10.64.0.20",
+     "netmask": "255.255.255.0", "gateway": "10.64.0.1", "dns0": "10.64.0.53", "dns1": "9.9.9.9"},
+    # Without a password the user goes too: the daemon would wait for a secret agent to supply one.
+    {"apn": "web.example", "method": "auto", "dns0": "10.64.0.53", "dns1": "9.9.9.9"},
+    {"password": "secret", "method": "link-local"},
+    {"password": "secret", "method": "manual", "address": "10.64.1.30", "netmask": "255.255.0.0",
+     "gateway": "10.64.0.1", "dns0": "1.1.1.1"},
+]
+
+
+def test_a_second_start_leaves_the_profile_alone_and_each_set_is_stored_as_sent(real, start):
+    device, profile = real.nm.wait_for_device(MODEM, 100), real.nm.find_connection(PROFILE)
+    active, since = real.nm.active_connection(device), len(real.nm.bus_log())
+    tarvik, client = start({"Modem": {"usageSec": 1}})
+    assert outcome(tarvik) == f"No update required for connection '{PROFILE}'."
+    assert [call for call in real.nm.bus_log()[since:]
+            if call in ((profile, "Update"), (profile, "Update2")) or call[1] == "ActivateConnection"] == []
+    assert (real.nm.active_connection(device), real.nm.device_state(device)) == (active, 100)
+
+    for step in SETS:
+        record = {"apn": "internet", "method": "auto", **step}
+        line = set_modem(real, tarvik, client, record)
+        gsm = real.nm.connection_settings(profile)["gsm"]
+        password = real.nm.connection_secrets(profile, "gsm").get("password", "")
+        assert (line, gsm["apn"], gsm.get("username", ""), password, stored_ipv4(real, profile)) == (
+            f"Connection '{PROFILE}' updated.", record["apn"], record.get("username", ""),
+            record.get("password", ""), recorded_ipv4(record)), step
 
 
 def test_other_devices_get_no_profile_across_reloads(real, start):
