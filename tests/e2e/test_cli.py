@@ -4,14 +4,12 @@ verbosity and the configuration file it picks."""
 import os
 import re
 import shutil
-import signal
 import subprocess
-import time
 
 import pytest
 
 from contract import off_contract
-from world import config_keys
+from world import kill_group, spawn, wait_until
 
 BINARY = os.environ["TARVIK_BINARY"]
 BANNER = re.compile(r"tarvik v" + re.escape(os.environ["TARVIK_VERSION"]) + r" \((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
@@ -26,92 +24,73 @@ def option_names(help_text):
     return set(re.findall(r"^ +(-\S*?(?:, --[\w-]+)?)(?= )", help_text, re.M))
 
 
-class TestBannerHelpVersion:
-    # Neither help nor version reads or creates the configuration file; help wins over version.
-    def test_version_and_help_print_and_exit_before_the_configuration(self, tmp_path):
-        conf = str(tmp_path / "never.conf")
-        for flag in ("-V", "--version"):
-            result = run(flag, "-f", conf)
-            assert (result.returncode, result.stderr) == (0, ""), flag
-            assert BANNER.fullmatch(result.stdout), repr(result.stdout)
-        for args in (["-h"], ["--help", "--config", conf], ["-V", "-h"]):
-            result = run(*args)
-            assert result.returncode == 0, args
-            banner, _, help_text = result.stdout.partition("\n")
-            assert BANNER.fullmatch(banner + "\n")
-            assert help_text.startswith("Usage: ")
-            assert "An MQTT service for managing network devices and connections." in help_text
-            assert option_names(help_text) == {"-h, --help", "-V, --version", "-v, --verbose", "-e, --stderr",
-                                               "-c, --color", "-f, --config"}
-            flat = " ".join(help_text.split())
-            for line in ("Displays help information and exits.", "Displays version and exits.",
-                         "--verbose <level> Sets verbosity level: 0=err, 1=warn, 2=info(default), 3=debug",
-                         "Log to stderr as well as syslog.", "Use VT100 color codes in log.",
-                         "--config <filename> Specifies configuration file (default is ./tarvik.conf)."):
-                assert line in flat
-            assert "--help-all" not in help_text and "-?" not in help_text
-        assert list(tmp_path.iterdir()) == []
-
-    @pytest.mark.parametrize("args, message", [
-        (["--bogus"], "Unknown option 'bogus'."),
-        (["-x"], "Unknown option 'x'."),
-        (["-v"], "Missing value after '-v'."),
-        (["--config"], "Missing value after '--config'."),
-    ])
-    def test_parse_errors_exit_with_status_1_after_the_banner(self, args, message, tmp_path):
-        result = run(*args, cwd=tmp_path)
-        assert result.returncode == 1
-        assert BANNER.fullmatch(result.stdout)
-        assert message in result.stderr
-        assert list(tmp_path.iterdir()) == []
+# Neither help nor version reads or creates the configuration file; help wins over version.
+def test_version_and_help_print_and_exit_before_the_configuration(tmp_path):
+    conf = str(tmp_path / "never.conf")
+    for flag in ("-V", "--version"):
+        result = run(flag, "-f", conf)
+        assert (result.returncode, result.stderr) == (0, ""), flag
+        assert BANNER.fullmatch(result.stdout), repr(result.stdout)
+    for args in (["-h"], ["--help", "--config", conf], ["-V", "-h"]):
+        result = run(*args)
+        assert result.returncode == 0, args
+        banner, _, help_text = result.stdout.partition("\n")
+        assert BANNER.fullmatch(banner + "\n")
+        assert help_text.startswith("Usage: ")
+        assert "An MQTT service for managing network devices and connections." in help_text
+        assert option_names(help_text) == {"-h, --help", "-V, --version", "-v, --verbose", "-e, --stderr",
+                                           "-c, --color", "-f, --config"}
+        flat = " ".join(help_text.split())
+        for line in ("Displays help information and exits.", "Displays version and exits.",
+                     "--verbose <level> Sets verbosity level: 0=err, 1=warn, 2=info(default), 3=debug",
+                     "Log to stderr as well as syslog.", "Use VT100 color codes in log.",
+                     "--config <filename> Specifies configuration file (default is ./tarvik.conf)."):
+            assert line in flat
+        assert "--help-all" not in help_text and "-?" not in help_text
+    assert list(tmp_path.iterdir()) == []
 
 
-def start_until_file(argv, path, cwd, timeout=10):
-    """Starts tarvik, waits until it has written the configuration file, stops it; returns stderr."""
-    proc = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                            start_new_session=True)
+@pytest.mark.parametrize("args, message", [
+    (["--bogus"], "Unknown option 'bogus'."),
+    (["-x"], "Unknown option 'x'."),
+    (["-v"], "Missing value after '-v'."),
+    (["--config"], "Missing value after '--config'."),
+])
+def test_parse_errors_exit_with_status_1_after_the_banner(args, message, tmp_path):
+    result = run(*args, cwd=tmp_path)
+    assert result.returncode == 1
+    assert BANNER.fullmatch(result.stdout)
+    assert message in result.stderr
+    assert list(tmp_path.iterdir()) == []
+
+
+def test_default_path_is_beside_the_executable(tmp_path):
+    bindir, workdir = tmp_path / "bin", tmp_path / "work"
+    bindir.mkdir()
+    workdir.mkdir()
+    shutil.copy2(BINARY, bindir / "tarvik")
+    conf = bindir / "tarvik.conf"
+    proc = spawn([str(bindir / "tarvik"), "-e"], cwd=workdir, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     try:
-        deadline = time.monotonic() + timeout
-        while not path.exists() or "usageSec=" not in path.read_text():
-            assert proc.poll() is None, "tarvik ended early"
-            assert time.monotonic() < deadline, f"{path} not written"
-            time.sleep(0.05)
+        wait_until(lambda: conf.exists() and "usageSec=" in conf.read_text(), 10, f"{conf} written")
     finally:
-        os.killpg(proc.pid, signal.SIGKILL)
-        _, err = proc.communicate(timeout=10)
-    return err
+        kill_group(proc)
+    err = proc.communicate(timeout=10)[1]
+    assert f"[Config] Config file not found: '{conf}'." in err
+    assert "[Config] Creating file with default values." in err
+    assert list(workdir.iterdir()) == []
 
 
-class TestConfigurationPath:
-    def test_default_path_is_beside_the_executable(self, tmp_path):
-        bindir, workdir = tmp_path / "bin", tmp_path / "work"
-        bindir.mkdir()
-        workdir.mkdir()
-        shutil.copy2(BINARY, bindir / "tarvik")
-        conf = bindir / "tarvik.conf"
-        err = start_until_file([str(bindir / "tarvik"), "-e"], conf, cwd=workdir)
-        assert f"[Config] Config file not found: '{conf}'." in err
-        assert "[Config] Creating file with default values." in err
-        assert list(workdir.iterdir()) == []
-
-    def test_config_option_creates_the_file_with_defaults(self, tmp_path):
-        conf = tmp_path / "elsewhere" / "my.conf"
-        conf.parent.mkdir()
-        start_until_file([BINARY, "-f", str(conf)], conf, cwd=tmp_path)
-        # The defaults themselves are the configuration's own tests' concern.
-        assert len(config_keys(conf)) == 36
-
-
-    @pytest.mark.parametrize("content", [b'{"Mqtt": {"url": "broker"}}\n', bytes(range(256))], ids=["json", "binary"])
-    def test_unreadable_file_and_missing_system_bus_are_named(self, tmp_path, content):
-        conf = tmp_path / "tarvik.conf"
-        conf.write_bytes(content)
-        result = run("-f", str(conf), "-e", env=dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nonexistent"))
-        assert (f"[Config] Config file '{conf}' is not an INI file with the groups Mqtt, Ethernet, Wifi or Modem. "
-                "Using default values.") in result.stderr
-        # Qt cannot connect to the bus later: the service manager is to start tarvik again.
-        assert "[Engine] Cannot reach the D-Bus system bus: " in result.stderr
-        assert result.returncode == 1
+@pytest.mark.parametrize("content", [b'{"Mqtt": {"url": "broker"}}\n', bytes(range(256))], ids=["json", "binary"])
+def test_unreadable_file_and_missing_system_bus_are_named(tmp_path, content):
+    conf = tmp_path / "tarvik.conf"
+    conf.write_bytes(content)
+    result = run("-f", str(conf), "-e", env=dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nonexistent"))
+    assert (f"[Config] Config file '{conf}' is not an INI file with the groups Mqtt, Ethernet, Wifi or Modem. "
+            "Using default values.") in result.stderr
+    # Qt cannot connect to the bus later: the service manager is to start tarvik again.
+    assert "[Engine] Cannot reach the D-Bus system bus: " in result.stderr
+    assert result.returncode == 1
 
 
 LEVEL_MARKERS = {
@@ -122,33 +101,24 @@ LEVEL_MARKERS = {
 }
 
 
-class TestVerbosity:
-    @pytest.mark.parametrize("verbosity, shown", [
-        (None, {"error", "warning", "info"}),
-        ("7", {"error", "warning", "info", "debug"}),
-        ("1", {"error", "warning"}),
-        ("-2", {"error"}),
-        ("abc", {"error"}),
-    ])
-    def test_levels_reaching_stderr(self, world, verbosity, shown):
-        world.nm.add_device("bt0", 5, state=30)
-        client = world.mqtt(subscribe=world.base + "/status")
-        client.subscribe(world.base + "/error")
-        args = ["-f", "{config}", "-e"] + (["-v", verbosity] if verbosity is not None else [])
-        tarvik = world.tarvik(args=args)
-        # The status document follows the subscriptions; the error follows the whole start-up.
-        client.wait_for(world.base + "/status")
-        client.command("noise/get", off_contract({}))
-        client.wait_for(world.base + "/error")
-        tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
-        seen = {level for level, marker in LEVEL_MARKERS.items()
-                if any(marker in line for line in tarvik.log_lines)}
-        assert seen == shown
-
-    def test_color_wraps_mirrored_messages(self, world):
-        client = world.mqtt(subscribe=world.base + "/status")
-        tarvik = world.tarvik(args=["-f", "{config}", "-e", "-c", "-v", "0"])
-        client.wait_for(world.base + "/status")
-        client.command("noise/get", off_contract({}))
-        match = tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
-        assert match.string.endswith("\033[31m" + LEVEL_MARKERS["error"] + "\033[39m")
+@pytest.mark.parametrize("verbosity, shown", [
+    (None, {"error", "warning", "info"}),
+    ("7", {"error", "warning", "info", "debug"}),
+    ("1", {"error", "warning"}),
+    ("-2", {"error"}),
+    ("abc", {"error"}),
+])
+def test_levels_reaching_stderr(world, verbosity, shown):
+    world.nm.add_device("bt0", 5, state=30)
+    client = world.mqtt(subscribe=world.base + "/status")
+    client.subscribe(world.base + "/error")
+    args = ["-f", "{config}", "-e"] + (["-v", verbosity] if verbosity is not None else [])
+    tarvik = world.tarvik(args=args)
+    # The status document follows the subscriptions; the error follows the whole start-up.
+    client.wait_for(world.base + "/status")
+    client.command("noise/get", off_contract({}))
+    client.wait_for(world.base + "/error")
+    tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
+    seen = {level for level, marker in LEVEL_MARKERS.items()
+            if any(marker in line for line in tarvik.log_lines)}
+    assert seen == shown

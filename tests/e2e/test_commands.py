@@ -5,9 +5,9 @@ import re
 
 import pytest
 
+import engineflow
 from conftest import CONTRACT
 from contract import off_contract
-from world import wait_until
 
 BASE = "tolv/network"
 
@@ -24,22 +24,7 @@ def scene(module_world):
     w.nm.add_wifi("wlan1")
     w.nm.add_modem("cdc-wdm0", modem=modem)
     client = w.mqtt(subscribe=BASE + "/#")
-    tarvik = w.tarvik(config={"Modem": {"usageSec": 0}})
-    settle(tarvik, client)
-    yield w, tarvik, client
-    tarvik.stop()
-
-
-def settle(tarvik, client):
-    """Returns once what tarvik published at connection time has reached the client: a command
-    answered after the start-up publications is delivered after them."""
-    tarvik.wait_for_log(r"\[Engine\] IPC Connected to 127\.0\.0\.1$")
-    # The status follows tarvik's subscriptions on its session: commands sent from now on reach it.
-    client.wait_for(BASE + "/status")
-    client.command("info/get", {})
-    tarvik.wait_for_log(re.escape("[Engine] Command Received : info/get"))
-    wait_until(lambda: client.count(BASE + "/info") >= 2, 10, "the answer to info/get")
-    client.clear()
+    return w, engineflow.start(w, client, config={"Modem": {"usageSec": 0}}), client
 
 
 def ask(client, command, payload, topic):
@@ -79,44 +64,31 @@ def test_network_get_commands_ignore_their_payload(scene):
     ask(client, "info/get", off_contract({"interface": "nothing"}), "info")
 
 
+def cut(text):
+    return text if len(text) <= 64 else text[:64] + "..."
+
+
 LONG_NAME = "x" * 100
-ERRORS = [
-    # command, payload, error document, log line
-    ("bogus/get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'bogus/get'"),
-    ("WIFI/STATE/get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'WIFI/STATE/get'"),
-    ("Wifi/state/get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'Wifi/state/get'"),
-    ("wifi//get", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'wifi//get'"),
-    ("ethernet/state/set", off_contract({}), "Unsupported command", "[Engine] Unsupported command 'ethernet/state/set'"),
-    ("ethernet/state/get", {"interface": "eth9"}, "Invalid device specified: eth9",
-     "[Engine] ERROR: Could not find device with name=eth9 and type=Ethernet"),
-    ("ethernet/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
-     "[Engine] ERROR: Could not find device with name=wlan0 and type=Ethernet"),
-    ("ethernet/config/get", {"interface": "cdc-wdm0"}, "Invalid device specified: cdc-wdm0",
-     "[Engine] ERROR: Could not find device with name=cdc-wdm0 and type=Ethernet"),
-    ("wifi/state/get", {"interface": "eth0"}, "Invalid device specified: eth0",
-     "[Engine] ERROR: Could not find device with name=eth0 and type=Wifi"),
-    ("wifi/config/get", {"interface": "ETH0"}, "Invalid device specified: ETH0",
-     "[Engine] ERROR: Could not find device with name=ETH0 and type=Wifi"),
-    ("wifi/aps/get", {"interface": "eth1"}, "Invalid device specified: eth1",
-     "[Engine] ERROR: Could not find device with name=eth1 and type=Wifi"),
-    ("wifi/networks/get", {"interface": "wlan9"}, "Invalid device specified: wlan9",
-     "[Engine] ERROR: Could not find device with name=wlan9 and type=Wifi"),
-    ("modem/state/get", {"interface": "wlan0"}, "Invalid device specified: wlan0",
-     "[Engine] ERROR: Could not find device with name=wlan0 and type=Modem"),
-    ("modem/config/get", {"interface": "wwan0"}, "Invalid device specified: wwan0",
-     "[Engine] ERROR: Could not find device with name=wwan0 and type=Modem"),
-    ("modem/stats/get", {"interface": "eth0"}, "Invalid device specified: eth0",
-     "[Engine] ERROR: Could not find device with name=eth0 and type=Modem"),
+UNSUPPORTED = ["bogus/get", "WIFI/STATE/get", "Wifi/state/get", "wifi//get", "ethernet/state/set", f"{LONG_NAME}/get"]
+# Each handler looks for a device of its own type.
+NOT_FOUND = [("ethernet/state/get", "eth9", "Ethernet"), ("ethernet/state/get", "wlan0", "Ethernet"),
+             ("ethernet/config/get", "cdc-wdm0", "Ethernet"), ("wifi/state/get", "eth0", "Wifi"),
+             ("wifi/config/get", "ETH0", "Wifi"), ("wifi/aps/get", "eth1", "Wifi"), ("wifi/networks/get", "wlan9", "Wifi"),
+             ("modem/state/get", "wlan0", "Modem"), ("modem/config/get", "wwan0", "Modem"),
+             ("modem/stats/get", "eth0", "Modem")]
+ERRORS = [(command, off_contract({}), "Unsupported command", f"[Engine] Unsupported command '{cut(command)}'")
+          for command in UNSUPPORTED] + [
+    (command, {"interface": name}, f"Invalid device specified: {name}",
+     f"[Engine] ERROR: Could not find device with name={name} and type={kind}") for command, name, kind in NOT_FOUND] + [
     # What comes from a client is repeated cut and with its control characters escaped, so that it can
     # neither forge a log line nor flood the log; a payload too large to be a command is not even read.
-    ("ethernet/state/get", off_contract({"interface": LONG_NAME}), f"Invalid device specified: {LONG_NAME[:64]}...",
-     f"[Engine] ERROR: Could not find device with name={LONG_NAME[:64]}... and type=Ethernet"),
+    ("ethernet/state/get", off_contract({"interface": LONG_NAME}), f"Invalid device specified: {cut(LONG_NAME)}",
+     f"[Engine] ERROR: Could not find device with name={cut(LONG_NAME)} and type=Ethernet"),
     ("ethernet/state/get", off_contract({"interface": "eth0\n[Engine] FAKE\u001b[31m\u0000"}),
      "Invalid device specified: eth0\\n[Engine] FAKE\\x1b[31m\\x00",
      "[Engine] ERROR: Could not find device with name=eth0\\n[Engine] FAKE\\x1b[31m\\x00 and type=Ethernet"),
     ("ethernet/state/get", off_contract({"interface": "x" * 1000000}), "Payload too large: 1000017 bytes (at most 4096)",
      "[IPC] Payload too large: 1000017 bytes (at most 4096)"),
-    (f"{LONG_NAME}/get", off_contract({}), "Unsupported command", f"[Engine] Unsupported command '{LONG_NAME[:64]}...'"),
 ]
 
 
@@ -124,8 +96,7 @@ ERRORS = [
 def test_errors_are_published_on_the_error_topic(scene, command, payload, error, line):
     _, tarvik, client = scene
     msg = ask(client, command, payload, "error")
-    expected_command = command if len(command) <= 64 else command[:64] + "..."
-    assert msg.json == {"command": expected_command, "error": error}
+    assert msg.json == {"command": cut(command), "error": error}
     tarvik.wait_for_log(re.escape(line) + "$")
     assert not any(re.match(r"(tarvik: )?\[Engine\] FAKE", l) for l in tarvik.log_lines)
 
