@@ -3,15 +3,17 @@ tarvik's own code against the simulated NetworkManager and ModemManager, without
 a broker: their content, the indented text form with keys in ascending order,
 and their agreement with the published contract."""
 
+import contextlib
 import json
 import os
+import re
 import subprocess
 
 import dbus
 import pytest
 
 import scenarios
-from conftest import CONTRACT
+from conftest import CONTRACT, stopped_after
 from world import World, ipv4_setting, wifi_profile
 
 PROBE = os.environ.get("TARVIK_PROBE_documentprobe", "")
@@ -20,22 +22,11 @@ WLAN_MAC = "00:11:22:33:44:66"
 HOME_KEY = scenarios.DEMO_WIFI_KEY
 
 
-def qt_indented(value, level=0):
-    """The text QJsonDocument::toJson() writes for a value: four blanks per
-    level, one member per line, keys in ascending order, and empty containers
-    still broken over two lines."""
-    outer = "    " * level
-    inner = "    " * (level + 1)
-    if isinstance(value, dict):
-        items = [inner + json.dumps(key, ensure_ascii=False) + ": " + qt_indented(value[key], level + 1)
-                 for key in sorted(value)]
-        brackets = "{}"
-    elif isinstance(value, list):
-        items = [inner + qt_indented(item, level + 1) for item in value]
-        brackets = "[]"
-    else:
-        return json.dumps(value, ensure_ascii=False)
-    return brackets[0] + "\n" + ",\n".join(items) + ("\n" if items else "") + outer + brackets[1]
+def qt_indented(value):
+    """The text QJsonDocument::toJson() writes for a value: four blanks per level, one member per line, keys in
+    ascending order, and empty containers still broken over two lines."""
+    text = json.dumps(value, indent=4, sort_keys=True, ensure_ascii=False)
+    return re.sub(r"^( *)(.*)([\[{])([\]}])(,?)$", r"\1\2\3\n\1\4\5", text, flags=re.M)
 
 
 def document(world, topic, interface=""):
@@ -69,19 +60,11 @@ def state_members(interface, device_type, type_text, state, state_text, reason=0
 
 
 @pytest.fixture(scope="module")
-def new_world():
+def new_world(request):
     if not os.path.exists(PROBE):
         pytest.skip("the document probe is not built")
-    started = []
-
-    def start():
-        started.append(World().start())
-        return started[-1]
-    try:
-        yield start
-    finally:
-        for world in started:
-            world.stop()
+    with contextlib.ExitStack() as worlds:
+        yield lambda: worlds.enter_context(stopped_after(request, World().start()))
 
 
 # How the simulated access points announce each security text; "unknown" is
