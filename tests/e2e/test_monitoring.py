@@ -18,28 +18,46 @@ def state_changes(tarvik, since_line=0):
     return [line for line in tarvik.log_lines[since_line:] if "State changed:" in line]
 
 
-def test_activation_publishes_one_state_per_reduced_state(world, mqtt, tarvik_binary):
+def test_failed_and_successful_activations_publish_one_state_per_reduced_state(world, mqtt, tarvik_binary):
     wlan = world.nm.add_wifi("wlan0")
     ap = world.nm.add_access_point(wlan, "HomeNet", security="open")
     profile = world.nm.add_connection(wifi_profile("HomeNet", security="none"))
     tarvik = start(world, mqtt)
-    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] SSID not configured\. Will not attempt to connect\.$")
     mark, since = len(tarvik.log_lines), time.monotonic()
 
+    world.nm.fail_next_activation(wlan, reason=5)
+    world.nm.activate(profile, wlan, ap, wait=False)
+    tarvik.wait_for_log(
+        r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
+    tarvik.wait_for_log(
+        r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
+    sync(mqtt)
+    assert len(state_changes(tarvik, mark)) == 3
+    assert [m.json["stateStr"] for m in published(mqtt, "wifi/state", since)] == [
+        "Connecting", "Unavailable", "Disconnected"]
+
+    # Unmanaged and Unavailable reduce to the same state: nothing to report
+    # between the first and the last change.
+    mark = len(tarvik.log_lines)
+    for state, reason in ((20, 0), (10, 3), (20, 0), (30, 0)):
+        world.nm.set_device_state(wlan, state, reason=reason)
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=UnknownReason\)\.$")
+    assert [line.split("State changed: ")[1] for line in state_changes(tarvik, mark)] == [
+        "Unavailable (dev=wlan0, reason=UnknownReason).", "Disconnected (dev=wlan0, reason=UnknownReason)."]
+    sync(mqtt)
+
     # 30 -> 40 -> 50 -> 70 -> 80 -> 90 -> 100, as the daemon does it.
+    mark, since = len(tarvik.log_lines), time.monotonic()
     world.nm.activate(profile, wlan, ap)
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Connected \(dev=wlan0, reason=UnknownReason\)\.$")
     sync(mqtt)
-
     assert [re.sub(r"^.*\[Engine\] ", "", line) for line in state_changes(tarvik, mark)] == [
         "[Wifi] State changed: Connecting (dev=wlan0, reason=UnknownReason).",
         "[Wifi] State changed: Connected (dev=wlan0, reason=UnknownReason).",
     ]
     states = published(mqtt, "wifi/state", since)
-    assert [(m.json["state"], m.json["stateStr"]) for m in states] == [(3, "Connecting"), (4, "Connected")]
-    assert all(m.qos == 2 for m in states)
+    assert [(m.json["state"], m.json["stateStr"], m.qos) for m in states] == [(3, "Connecting", 2), (4, "Connected", 2)]
     assert states[-1].json["ap"]["ssid"] == "HomeNet"
-
     tarvik.wait_for_log(r"\[Engine\] \[Network\] Primary connection changed: HomeNet$")
     status = mqtt.wait_for(mqtt.topic("status"), predicate=lambda m: m.json["primaryConnection"] is not None)
     assert status.json["primaryConnection"]["connectionName"] == "HomeNet"
@@ -47,7 +65,11 @@ def test_activation_publishes_one_state_per_reduced_state(world, mqtt, tarvik_bi
 
 def test_cable_pulled_and_plugged_back_is_followed_to_connected(world, mqtt, tarvik_binary):
     eth = scenarios.ethernet(world, active=True)
+    # A modem that ModemManager does not know is watched all the same.
+    world.nm.add_modem("cdc-wdm0", modem="/org/freedesktop/ModemManager1/Modem/42")
     tarvik = start(world, mqtt)
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Started monitoring device: cdc-wdm0$")
+    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Checking connection: Broadband$")
     since = time.monotonic()
 
     world.nm.set_carrier(eth.device, False)
@@ -74,37 +96,6 @@ def test_managed_flag_and_interface_name_are_only_logged(world, mqtt, tarvik_bin
     sync(mqtt)
     documents = [m.topic for m in mqtt.messages() if m.time >= since and not m.topic.endswith("/get")]
     assert documents == [mqtt.topic("info")]
-
-
-def test_failed_activation_is_reported_unavailable(world, mqtt, tarvik_binary):
-    wlan = world.nm.add_wifi("wlan0")
-    ap = world.nm.add_access_point(wlan, "HomeNet", security="open")
-    profile = world.nm.add_connection(wifi_profile("HomeNet", security="none"))
-    tarvik = start(world, mqtt)
-    mark, since = len(tarvik.log_lines), time.monotonic()
-
-    world.nm.fail_next_activation(wlan, reason=5)
-    world.nm.activate(profile, wlan, ap, wait=False)
-    tarvik.wait_for_log(
-        r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
-    tarvik.wait_for_log(
-        r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
-    sync(mqtt)
-
-    assert len(state_changes(tarvik, mark)) == 3
-    assert [m.json["stateStr"] for m in published(mqtt, "wifi/state", since)] == [
-        "Connecting", "Unavailable", "Disconnected"]
-
-    # Unmanaged and Unavailable reduce to the same state: nothing to report
-    # between the first and the last change.
-    mark = len(tarvik.log_lines)
-    world.nm.set_device_state(wlan, 20, reason=0)
-    world.nm.set_device_state(wlan, 10, reason=3)
-    world.nm.set_device_state(wlan, 20, reason=0)
-    world.nm.set_device_state(wlan, 30, reason=0)
-    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=UnknownReason\)\.$")
-    assert [line.split("State changed: ")[1] for line in state_changes(tarvik, mark)] == [
-        "Unavailable (dev=wlan0, reason=UnknownReason).", "Disconnected (dev=wlan0, reason=UnknownReason)."]
 
 
 def test_device_added_is_provisioned_a_second_later_and_removal_only_logged(world, mqtt, tarvik_binary):
@@ -149,15 +140,6 @@ def test_modem_usage_is_counted_while_connected(world, mqtt, tarvik_binary):
     monitoring = [line for line in tarvik.log_lines if "monitoring Data usage" in line]
     assert monitoring[-1].endswith("[Engine] [Modem] Stopped monitoring Data usage"), (
         monitoring, state_changes(tarvik), world.nm.calls("ActivateConnection"))
-
-
-def test_modem_unknown_to_modemmanager_is_not_watched(world, mqtt, tarvik_binary):
-    world.nm.add_modem("cdc-wdm0", modem="/org/freedesktop/ModemManager1/Modem/42")
-    tarvik = start(world, mqtt)
-    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Started monitoring device: cdc-wdm0$")
-    tarvik.wait_for_log(r"\[Engine\] \[Modem\] Checking connection: Broadband$")
-    sync(mqtt)
-    assert tarvik.running
 
 
 def test_refused_scan_of_last_monitored_wifi_is_logged_without_publication(world, mqtt, tarvik_binary):
