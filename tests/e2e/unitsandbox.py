@@ -3,18 +3,12 @@
 
     unitsandbox.py ROOT STATE exec                 the unit's ExecStart under the unit's confinement
     unitsandbox.py ROOT STATE run COMMAND...       COMMAND with the package installed, unconfined
-                                                   (maintainer scripts, systemd-analyze verify)
 
-ROOT is the package as extract() lays it out; the unit is ROOT/usr/lib/systemd/system/<name>.service.
-It must be started as root in a private mount namespace (Tarvik's namespace script does that, and
-gives it /dev, /tmp and /sys/class/net). The package is laid over /usr, and /etc and /var/lib get
-writable layers in STATE/etc and STATE/var-lib: what the package and the program write lands there.
-
-Confinement is rebuilt from the unit's own lines with the kernel features systemd uses: mounts
-(ProtectSystem=strict, ReadWritePaths=, the Configuration/State directories, ProtectHome=,
-ProtectProc=, ProcSubset=, PrivateTmp=), the capability bounding set, no_new_privs and seccomp
-(SystemCallFilter= groups as `systemd-analyze syscall-filter` expands them, RestrictAddressFamilies=,
-MemoryDenyWriteExecute=, RestrictNamespaces=). A [Service] line this file does not know is an error.
+ROOT is the package as extract() lays it out. Started as root in a private mount namespace (Tarvik's
+namespace script gives it /dev, /tmp and /sys/class/net); the package is laid over /usr, and /etc and
+/var/lib get writable layers in STATE. Confinement is rebuilt from the unit's [Service] lines with the
+kernel features systemd uses (mounts, capability bounding set, no_new_privs, seccomp); a line this file
+has no rule for is an error.
 '''
 
 import ctypes
@@ -38,27 +32,13 @@ NOT_REBUILT = {
     'SystemCallArchitectures', 'ConfigurationDirectoryMode', 'StateDirectoryMode'}
 REBUILT = {
     'ExecStart', 'WorkingDirectory', 'ConfigurationDirectory', 'StateDirectory', 'UMask', 'ReadWritePaths',
-    'ProtectSystem', 'ProtectHome', 'ProtectProc', 'ProcSubset', 'PrivateTmp', 'NoNewPrivileges',
+    'ProtectSystem', 'ProtectHome', 'ProtectProc', 'ProcSubset', 'NoNewPrivileges',
     'CapabilityBoundingSet', 'RestrictAddressFamilies', 'SystemCallFilter', 'MemoryDenyWriteExecute',
     'RestrictNamespaces'}
 # Always allowed by systemd, whatever SystemCallFilter= says.
 IMPLICIT_SYSCALLS = ['execve', 'exit', 'exit_group', 'getrlimit', 'rt_sigreturn', 'sigreturn', 'clock_gettime',
                      'gettimeofday', 'time', 'nanosleep', 'clock_nanosleep']
 NAMESPACE_FLAGS = [0x00020000, 0x02000000, 0x04000000, 0x08000000, 0x10000000, 0x20000000, 0x40000000]
-
-
-def read_unit(path):
-    '''[(section, key, value)] in file order: a key may repeat.'''
-    lines, section = [], None
-    with open(path) as f:
-        for line in f.read().splitlines():
-            line = line.strip()
-            if line.startswith('['):
-                section = line.strip('[]')
-            elif line and not line.startswith(('#', ';')):
-                key, _, value = line.partition('=')
-                lines.append((section, key.strip(), value.strip()))
-    return lines
 
 
 def extract(deb, root):
@@ -76,44 +56,36 @@ def unit_path(root):
 
 
 def service(root):
-    '''{key: [values]} of the [Service] section.'''
-    values = {}
-    for section, key, value in read_unit(unit_path(root)):
-        if section == 'Service':
-            values.setdefault(key, []).append(value)
+    '''{key: [values]} of the [Service] section (a key may repeat).'''
+    values, section = {}, None
+    with open(unit_path(root)) as f:
+        for line in map(str.strip, f):
+            if line.startswith('['):
+                section = line
+            elif section == '[Service]' and line and not line.startswith(('#', ';')):
+                key, _, value = line.partition('=')
+                values.setdefault(key.strip(), []).append(value.strip())
     unknown = set(values) - REBUILT - NOT_REBUILT
     if unknown:
         raise SystemExit(f'unitsandbox: no rule for {sorted(unknown)}: add one')
     return values
 
 
-def syscall_groups():
+def allowed_syscalls(filters):
+    '''systemd's reading of SystemCallFilter= lines: the first allow list, then "~" lines take away.'''
     groups, name = {}, None
     text = subprocess.run(['systemd-analyze', 'syscall-filter'], check=True, capture_output=True, text=True).stdout
     for line in text.splitlines():
-        if line.startswith('@'):
+        if line.startswith('@'):   # a group; its members, groups among them, are indented
             name = line.strip()
-            groups[name] = []
-        elif line.strip() and not line.strip().startswith('#') and name:
-            groups[name].append(line.strip())
-    return groups
+        elif line.strip() and not line.strip().startswith('#'):
+            groups.setdefault(name, []).append(line.strip())
 
-
-def expand(names, groups):
-    out = set()
-    for name in names:
-        out |= expand(groups[name], groups) if name.startswith('@') else {name}
-    return out
-
-
-def allowed_syscalls(filters):
-    '''systemd's reading of SystemCallFilter= lines: the first allow list, then "~" lines take away.'''
-    groups, allowed = syscall_groups(), set(IMPLICIT_SYSCALLS)
+    def expand(names):
+        return set().union(*(expand(groups[n]) if n.startswith('@') else {n} for n in names))
+    allowed = set(IMPLICIT_SYSCALLS)
     for value in filters:
-        if value.startswith('~'):
-            allowed -= expand(value[1:].split(), groups)
-        else:
-            allowed |= expand(value.split(), groups)
+        allowed = allowed - expand(value[1:].split()) if value.startswith('~') else allowed | expand(value.split())
     return allowed
 
 
@@ -133,11 +105,8 @@ def install_package(root, state):
 
 
 def mount_points():
-    points = []
     with open('/proc/self/mountinfo') as f:
-        for line in f:
-            points.append(re.sub(r'\\(\d{3})', lambda m: chr(int(m.group(1), 8)), line.split()[4]))
-    return points
+        return [re.sub(r'\\(\d{3})', lambda m: chr(int(m.group(1), 8)), line.split()[4]) for line in f]
 
 
 def confine_files(unit):
@@ -148,8 +117,6 @@ def confine_files(unit):
     for path, mode in directories:
         os.makedirs(path, exist_ok=True)
         os.chmod(path, int(mode, 8))
-    if unit.get('PrivateTmp', ['no'])[-1] == 'yes':
-        sh('mount', '-t', 'tmpfs', 'tmpfs', '/tmp')
     if unit.get('ProtectHome', ['no'])[-1] == 'yes':
         for home in ('/home', '/root', '/run/user'):
             if os.path.isdir(home):
