@@ -14,15 +14,6 @@ from world import config_keys
 BASE = "tolv/network"
 
 
-def start(world, **kwargs):
-    client = world.mqtt(subscribe=BASE + "/#")
-    tarvik = world.tarvik(**kwargs)
-    tarvik.wait_for_log(r"\[Engine\] IPC Connected to ")
-    # The status follows tarvik's subscriptions on its session: commands sent from now on reach it.
-    client.wait_for(BASE + "/status")
-    return tarvik, client
-
-
 STATIC = {"method": "manual", "address": "192.168.50.7", "netmask": "255.255.255.0", "gateway": "192.168.50.1",
           "dns0": "192.168.50.1", "dns1": "9.9.9.9"}
 STATIC_STORED = {"method": "manual", "address-data": [("192.168.50.7", 24)],
@@ -58,27 +49,26 @@ def stored_ipv4(world, connection):
 def test_set_commands_end_with_the_profile_asked_for(world, mqtt, kind):
     build, interface, extra = KINDS[kind]
     device = build(world)
-    client = mqtt
-    engineflow.start(world, client, config={"Wifi": {"ssid": "HomeNet", "key": "homenet-secret"},
-                                            "Modem": {"username": "alice", "password": "s3cret"}})
+    engineflow.start(world, mqtt, config={"Wifi": {"ssid": "HomeNet", "key": "homenet-secret"},
+                                          "Modem": {"username": "alice", "password": "s3cret"}})
 
     for payload, expected in IPV4_STEPS:
         world.nm.clear_calls()
-        client.command(f"{kind}/config/set", {"interface": interface, **extra, **payload})
-        sync(client)
+        mqtt.command(f"{kind}/config/set", {"interface": interface, **extra, **payload})
+        sync(mqtt)
         assert stored_ipv4(world, device.connection) == expected, payload
         assert [c["method"] for c in world.nm.calls() if c["method"] in ("Update", "ActivateConnection")][-1] == \
             "ActivateConnection", payload
-    assert client.messages(BASE + "/error") == []
+    assert mqtt.messages(BASE + "/error") == []
 
     if kind == "wifi":
-        client.command("wifi/config/set", {"interface": interface, "ssid": "HomeNet", "key": "new-secret-5678"})
-        sync(client)
+        mqtt.command("wifi/config/set", {"interface": interface, "ssid": "HomeNet", "key": "new-secret-5678"})
+        sync(mqtt)
         assert world.nm.connection_secrets(device.connection, "802-11-wireless-security") == {"psk": "new-secret-5678"}
     if kind == "modem":
         # Emptying the password must leave none stored, not keep the old one.
-        client.command("modem/config/set", {"interface": interface, "apn": "telco.example", "username": "bob"})
-        sync(client)
+        mqtt.command("modem/config/set", {"interface": interface, "apn": "telco.example", "username": "bob"})
+        sync(mqtt)
         gsm = world.nm.connection_settings(device.connection)["gsm"]
         assert (gsm["apn"], gsm["username"]) == ("telco.example", "bob")
         assert world.nm.connection_secrets(device.connection, "gsm") == {}
@@ -108,34 +98,31 @@ REFUSED = [
 ]
 
 
-def test_refused_set_commands_change_neither_the_file_nor_networkmanager(world):
+def test_refused_set_commands_change_neither_the_file_nor_networkmanager(world, mqtt):
     scenarios.ethernet(world, active=True)
     scenarios.wifi(world)
     scenarios.modem(world, profile="Broadband", active=True)
-    tarvik, client = start(world)
-    tarvik.wait_for_log(re.escape("[Engine] [Modem] No update required"))
+    tarvik = engineflow.start(world, mqtt)
     with open(tarvik.config_path) as f:
         written = f.read()
     world.nm.clear_calls()
 
     for kind, payload, error in REFUSED:
-        client.command(f"{kind}/config/set", payload)
-        assert client.wait_for(BASE + "/error").json == {"command": ANSWERED_AS[kind], "error": error}, payload
+        mqtt.command(f"{kind}/config/set", payload)
+        assert mqtt.wait_for(BASE + "/error").json == {"command": ANSWERED_AS[kind], "error": error}, payload
     with open(tarvik.config_path) as f:
         assert f.read() == written
     assert [c["method"] for c in world.nm.calls() if c["method"] not in ("GetSettings", "GetSecrets")] == []
 
 
-def test_modem_set_rewrites_the_file_even_when_networkmanager_refuses_the_update(world):
+def test_modem_set_rewrites_the_file_even_when_networkmanager_refuses_the_update(world, mqtt):
     gsm = scenarios.modem(world, profile="Broadband", active=True)
-    tarvik, client = start(world)
-    tarvik.wait_for_log(re.escape("[Engine] [Modem] No update required for connection 'Broadband'."))
+    tarvik = engineflow.start(world, mqtt)
     world.nm.refuse("Update", "org.freedesktop.NetworkManager.Settings.Connection.PermissionDenied",
                     "Not allowed to update", count=1)
 
-    client.command("modem/config/set", {"interface": "cdc-wdm0", "apn": "telco.example", "username": "alice",
-                                        "password": "s3cret", "networkId": "24201", "pin": "1234",
-                                        "method": "auto"})
+    mqtt.command("modem/config/set", {"interface": "cdc-wdm0", "apn": "telco.example", "username": "alice",
+                                      "password": "s3cret", "networkId": "24201", "pin": "1234", "method": "auto"})
     tarvik.wait_for_log(re.escape("[Engine] [Modem] Failed to update connection 'Broadband' : Not allowed to update"))
 
     # Every key is written, the others as they were.
@@ -144,4 +131,4 @@ def test_modem_set_rewrites_the_file_even_when_networkmanager_refuses_the_update
     assert {key: written["Modem/" + key] for key in ("apn", "username", "password", "network_id", "pin")} == {
         "apn": "telco.example", "username": "alice", "password": "s3cret", "network_id": "24201", "pin": "1234"}
     assert world.nm.connection_settings(gsm.connection)["gsm"]["apn"] == "internet"
-    assert client.messages(BASE + "/error") == []
+    assert mqtt.messages(BASE + "/error") == []

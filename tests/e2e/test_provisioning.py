@@ -102,11 +102,10 @@ def test_missing_profiles_are_created_from_the_configuration(world, mqtt, tarvik
 
     wireless_path = world.nm.find_connection("HomeNet")
     wireless = world.nm.connection_settings(wireless_path)
-    assert wireless["connection"]["type"] == "802-11-wireless"
-    assert wireless["connection"].get("autoconnect", True) is True
-    assert wireless["802-11-wireless"]["ssid"] == b"HomeNet"
-    assert wireless["802-11-wireless"]["security"] == "802-11-wireless-security"
-    assert wireless["802-11-wireless-security"]["key-mgmt"] == "wpa-psk"
+    assert (wireless["connection"]["type"], wireless["connection"].get("autoconnect", True),
+            wireless["802-11-wireless"]["ssid"], wireless["802-11-wireless"]["security"],
+            wireless["802-11-wireless-security"]["key-mgmt"]) == (
+        "802-11-wireless", True, b"HomeNet", "802-11-wireless-security", "wpa-psk")
     assert world.nm.connection_secrets(wireless_path, "802-11-wireless-security") == {"psk": "homenet-secret"}
     assert (wireless["ipv4"]["method"], wireless["ipv6"]["method"]) == ("link-local", "ignore")
 
@@ -161,18 +160,25 @@ def test_devices_that_cannot_or_must_not_be_connected_get_no_profile(world, mqtt
     assert methods(world) == [] and world.nm.connections() == []
 
 
-def test_first_listed_of_two_equally_named_profiles_is_used(world, mqtt, tarvik_binary):
+def test_first_of_two_equally_named_profiles_is_used_and_unreadable_secrets_count_as_changed(world, mqtt,
+                                                                                             tarvik_binary):
     eth = world.nm.add_ethernet("eth0")
     first = world.nm.add_connection(ethernet_profile("Ethernet", autoconnect=False))
     second = world.nm.add_connection(ethernet_profile("Ethernet"))
+    wifi = scenarios.wifi(world, profile_ssid="HomeNet", key="homenet-secret", active=True)
+    world.nm.refuse("GetSecrets", "org.freedesktop.NetworkManager.AgentManager.NoSecrets", "No agents available")
     world.nm.clear_calls()
-    tarvik = start(world, mqtt)
+    tarvik = start(world, mqtt, config={"Wifi": {"ssid": "HomeNet", "key": "homenet-secret"}})
     tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] Connection 'Ethernet' updated\.$")
+    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Connection 'HomeNet' updated\.$")
 
-    assert {c["path"] for c in world.nm.calls("Update")} == {first}
+    assert {c["path"] for c in world.nm.calls("Update")} == {first, wifi.connection}
     assert world.nm.calls("ActivateConnection")[0]["args"][:2] == [first, eth]
     assert world.nm.connection_settings(first)["connection"].get("autoconnect", True) is True
     assert world.nm.connection_settings(second)["connection"]["autoconnect"] is True
+    assert provisioning_lines(tarvik, "Wifi").count("Failed to get secrets: 'HomeNet' : No agents available") == 1
+    update = [c for c in world.nm.calls("Update") if c["path"] == wifi.connection][-1]
+    assert update["args"][0]["802-11-wireless-security"]["psk"] == "homenet-secret"
 
 
 # A refusal of NetworkManager's is logged with its message and ends the provisioning of the device:
@@ -199,15 +205,3 @@ def test_refusals_are_logged_and_change_nothing(world, mqtt, tarvik_binary, meth
     assert provisioning_lines(tarvik, "Ethernet")[-1] == line
     assert methods(world) == [method]
     assert world.nm.connection_settings(eth.connection) == before
-
-
-def test_unreadable_wifi_secrets_make_the_key_count_as_changed(world, mqtt, tarvik_binary):
-    wifi = scenarios.wifi(world, profile_ssid="HomeNet", key="homenet-secret", active=True)
-    world.nm.refuse("GetSecrets", "org.freedesktop.NetworkManager.AgentManager.NoSecrets", "No agents available")
-    tarvik = start(world, mqtt, config={"Wifi": {"ssid": "HomeNet", "key": "homenet-secret"}})
-    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Failed to get secrets: 'HomeNet' : No agents available$")
-    tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Connection 'HomeNet' updated\.$")
-
-    update = world.nm.calls("Update")[-1]
-    assert update["path"] == wifi.connection
-    assert update["args"][0]["802-11-wireless-security"]["psk"] == "homenet-secret"
