@@ -43,7 +43,7 @@ def wait_for_central_to_mirror(world, central):
     return wait_until(mirrored, 30, 'the central broker to hold every retained document of the gateway', interval=0.1)
 
 
-def test_operator_commands_a_gateway_through_the_bridge_and_keeps_its_retained_documents(world, start_tarvik):
+def test_operator_commands_a_gateway_through_the_bridge_and_keeps_its_retained_documents(world):
     central = Broker(os.path.join(world.directory, 'central'))
     os.makedirs(central.directory)
     central.start()
@@ -51,7 +51,7 @@ def test_operator_commands_a_gateway_through_the_bridge_and_keeps_its_retained_d
         world.broker.extra_config = bridge_to(central.port)
         world.broker.restart()
         scenarios.demo(world)
-        tarvik = start_tarvik(config=scenarios.CONFIGS['demo'])
+        tarvik = world.tarvik(config=scenarios.CONFIGS["demo"])
         operator = MqttClient(central.port, base=CENTRAL_BASE)
         operator.connect()
         operator.subscribe(SITE + '/#')
