@@ -10,9 +10,11 @@
 #include <QElapsedTimer>
 #include <QHostAddress>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <algorithm>
 #include <memory>
 
 using namespace Tarvik;
@@ -29,13 +31,8 @@ const QStringList subscribing{"[IPC] Subscribing to topic [tolv/network/+/get]."
 // Sends commands to the service, in order.
 bool sendCommands(Peer& user, const QList<QPair<QString, QByteArray>>& commands)
 {
-    if (user.client.state() != MqttClient::Connected && !user.connectAndWait())
-        return false;
-    for (const auto& command : commands) {
-        if (!user.publish("tolv/network/" + command.first, command.second))
-            return false;
-    }
-    return true;
+    return std::all_of(commands.begin(), commands.end(),
+        [&user](const auto& command) { return user.publish("tolv/network/" + command.first, command.second); });
 }
 
 } // namespace
@@ -129,6 +126,10 @@ private slots:
         QVERIFY(disconnected.wait(15000));
         const qint64 watchdog = clock.restart();
         QVERIFY2(watchdog >= 9950 && watchdog < 12000, qPrintable(QString::number(watchdog)));
+        // The socket is really gone: the broker's end sees the end of the stream.
+        QTcpSocket* brokerEnd = silent.nextPendingConnection();
+        QVERIFY(brokerEnd);
+        QTRY_COMPARE_WITH_TIMEOUT(brokerEnd->state(), QAbstractSocket::UnconnectedState, Deadline);
         silent.close();
         QVERIFY2(own.restart(), own.output().constData());
         QVERIFY(connected.wait(Deadline));
@@ -148,7 +149,7 @@ private slots:
             QStringList({"[IPC] ERROR: TransportInvalid (256).", "[IPC] Disconnected.", connectingLine(own.port()),
                 "[IPC] Connected."}) + subscribing);
         Peer user(own.port());
-        QVERIFY(sendCommands(user, {{"status/get", "{}"}, {"wifi/state/get", "{}"}, {"wifi/config/set", "{}"}}));
+        QVERIFY(user.connectAndWait() && sendCommands(user, {{"status/get", "{}"}, {"wifi/state/get", "{}"}, {"wifi/config/set", "{}"}}));
         QTRY_COMPARE_WITH_TIMEOUT(commands.count(), 3, Deadline);
     }
 

@@ -4,9 +4,6 @@
 #include "support/broker.h"
 #include "support/peer.h"
 
-#include <QHostAddress>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QtTest>
 
 using Tarvik::MqttClient;
@@ -40,39 +37,22 @@ private slots:
         QVERIFY2(m_broker.start(), m_broker.output().constData());
     }
 
-    void publishesInOrderAndKeepsRetained_data()
-    {
-        QTest::addColumn<int>("qos");
-        QTest::newRow("qos0") << 0;
-        QTest::newRow("qos2") << 2;
-    }
-
     // Far more messages than libmosquitto and the broker allow in flight
     // (20): at QoS 2 they only all arrive if every handshake completes, in
     // the publishing and in the receiving client.
-    void publishesInOrderAndKeepsRetained()
+    void publishesInOrderAtQos2()
     {
-        QFETCH(int, qos);
-        const QString topic = QString("qos%1/").arg(qos);
         Peer publisher(m_broker.port());
         Peer subscriber(m_broker.port());
         QVERIFY(publisher.connectAndWait() && subscriber.connectAndWait());
-        QVERIFY(subscriber.subscribeAndWait(topic + "#", topic + "marker"));
+        QVERIFY(subscriber.subscribeAndWait("flood/#", "flood/marker"));
         QList<QByteArray> sent;
         for (int i = 0; i < 200; ++i) {
             sent << QByteArray::number(i);
-            QVERIFY(publisher.publish(topic + "data", sent.last(), qos));
+            QVERIFY(publisher.publish("flood/data", sent.last(), 2));
         }
-        QVERIFY(publisher.publish(topic + "kept", "kept", qos, true));
-        QTRY_COMPARE_WITH_TIMEOUT(subscriber.messages.count(), 201, Deadline);
-        QCOMPARE(subscriber.payloads(), sent << "kept");
+        QTRY_COMPARE_WITH_TIMEOUT(subscriber.payloads(), sent, Deadline);
         QCOMPARE(publisher.errors.count() + subscriber.errors.count(), 0);
-
-        // A later subscriber gets the retained message only.
-        Peer late(m_broker.port());
-        QVERIFY(late.connectAndWait());
-        QVERIFY(late.subscribeAndWait(topic + "#", topic + "marker"));
-        QCOMPARE(late.payloads(), QList<QByteArray>({"kept"}));
     }
 
     void reportsARefusedPortFromTheEventLoop()
@@ -85,21 +65,6 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(probe.client.state(), MqttClient::Disconnected, Deadline);
         QCOMPARE(valuesOf(probe.states), QList<int>({MqttClient::Connecting, MqttClient::Disconnected}));
         QCOMPARE(valuesOf(probe.errors), QList<int>({MqttError::TransportInvalid}));
-    }
-
-    void closesTheTransportOfASilentPeer()
-    {
-        QTcpServer silent;
-        QVERIFY(silent.listen(QHostAddress::LocalHost, 0));
-        Peer probe(silent.serverPort());
-        probe.client.connectToHost();
-        QVERIFY(silent.waitForNewConnection(Deadline));
-        QTcpSocket* peer = silent.nextPendingConnection();
-        probe.client.closeTransport();
-        QCOMPARE(probe.client.state(), MqttClient::Disconnected);
-        QCOMPARE(valuesOf(probe.errors), QList<int>({MqttError::TransportInvalid}));
-        // The socket is really gone: the peer sees the end of the stream.
-        QTRY_COMPARE_WITH_TIMEOUT(peer->state(), QAbstractSocket::UnconnectedState, Deadline);
     }
 
     void refusesWorkOutsideASessionAndEndsOneWithoutError()
