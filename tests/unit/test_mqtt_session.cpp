@@ -1,6 +1,8 @@
-// The broker session of the service against a real mosquitto: what it
-// subscribes to, how it answers a bad command, and how it keeps the session
-// alive (the lines it logs are what an operator reads of all this).
+// The broker session against a real mosquitto. The MQTT client on its own:
+// the publications the service relies on, and the states and errors its
+// session logic reads. The service's session on it: what it subscribes to,
+// how it answers a bad command, and how it keeps the session alive (the lines
+// it logs are what an operator reads of all this).
 #include "config/config.h"
 #include "ipc/ipc.h"
 #include "support/broker.h"
@@ -28,6 +30,15 @@ constexpr int ReconnectDelayFloor = 2950;
 const QStringList subscribing{"[IPC] Subscribing to topic [tolv/network/+/get].",
     "[IPC] Subscribing to topic [tolv/network/+/+/get].", "[IPC] Subscribing to topic [tolv/network/+/+/set]."};
 
+// The first arguments of the signals a spy recorded, as numbers.
+QList<int> valuesOf(const QSignalSpy& spy)
+{
+    QList<int> values;
+    for (const QList<QVariant>& arguments : spy)
+        values << arguments.at(0).toInt();
+    return values;
+}
+
 // Sends commands to the service, in order.
 bool sendCommands(Peer& user, const QList<QPair<QString, QByteArray>>& commands)
 {
@@ -37,14 +48,16 @@ bool sendCommands(Peer& user, const QList<QPair<QString, QByteArray>>& commands)
 
 } // namespace
 
-class TestIpcSession : public QObject
+class TestMqttSession : public QObject
 {
     Q_OBJECT
 
 private slots:
     void initTestCase()
     {
-        Log::open("test_ipc_session", true, false);
+        qRegisterMetaType<MqttClient::ClientState>();
+        qRegisterMetaType<MqttClient::ClientError>();
+        Log::open("test_mqtt_session", true, false);
         Log::setLevel(Log::Debug);
         QVERIFY(m_dir.isValid());
         m_config = new Config(m_dir.filePath("tarvik.conf"), this);
@@ -57,6 +70,42 @@ private slots:
             qInfo().noquote() << "Captured log:\n" << m_log->text();
         m_ipc.clear();
         m_log.reset();
+    }
+
+    // Far more messages than libmosquitto and the broker allow in flight
+    // (20): at QoS 2 they only all arrive if every handshake completes, in
+    // the publishing and in the receiving client.
+    void publishesInOrderAtQos2AndEndsTheSessionWithoutError()
+    {
+        Peer publisher(m_broker.port());
+        Peer subscriber(m_broker.port());
+        QVERIFY(publisher.connectAndWait() && subscriber.connectAndWait());
+        QVERIFY(subscriber.subscribeAndWait("flood/#", "flood/marker"));
+        QList<QByteArray> sent;
+        for (int i = 0; i < 200; ++i) {
+            sent << QByteArray::number(i);
+            QVERIFY(publisher.publish("flood/data", sent.last(), 2));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(subscriber.payloads(), sent, Deadline);
+
+        publisher.client.disconnectFromHost();
+        QTRY_COMPARE_WITH_TIMEOUT(publisher.client.state(), MqttClient::Disconnected, Deadline);
+        QCOMPARE(publisher.client.publish("late", "x", 1, false), -1);
+        QCOMPARE(publisher.errors.count() + subscriber.errors.count(), 0);
+    }
+
+    void refusesWorkOutsideASessionAndReportsARefusedPortFromTheEventLoop()
+    {
+        Peer probe(freePort());
+        QCOMPARE(probe.client.publish("early", "x", 1, false), -1);
+        QVERIFY(!probe.client.subscribe("early", 0));
+        probe.client.connectToHost();
+        // Connecting is reported at once; the failure only from the event loop.
+        QCOMPARE(valuesOf(probe.states), QList<int>({MqttClient::Connecting}));
+        QCOMPARE(probe.errors.count(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(probe.client.state(), MqttClient::Disconnected, Deadline);
+        QCOMPARE(valuesOf(probe.states), QList<int>({MqttClient::Connecting, MqttClient::Disconnected}));
+        QCOMPARE(valuesOf(probe.errors), QList<int>({MqttError::TransportInvalid}));
     }
 
     void takesCommandsFromItsThreeFiltersAndAnswersBadOnes()
@@ -175,5 +224,5 @@ private:
     std::vector<std::unique_ptr<IPC>> m_ipc;
 };
 
-QTEST_GUILESS_MAIN(TestIpcSession)
-#include "test_ipc_session.moc"
+QTEST_GUILESS_MAIN(TestMqttSession)
+#include "test_mqtt_session.moc"
