@@ -54,26 +54,20 @@ inline uint8_t shapeCounters[4096] __attribute__((section("__libfuzzer_extra_cou
 // A value as read from an INI file, in a few classes.
 inline uint32_t shapeOf(const QVariant& value)
 {
-    switch (value.userType()) {
-    case QMetaType::UnknownType:
-        return 0;
-    case QMetaType::QString: {
-        const QString text = value.toString();
-        bool number = false;
-        text.toLongLong(&number);
-        if (text.isEmpty())
-            return 1;
-        if (number)
-            return text.startsWith(QLatin1Char('-')) ? 2 : 3 + (text.size() > 9);
-        if (std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() > 0x7e; }))
-            return 5;
-        return text.size() > 64 ? 6 : 7;
-    }
-    case QMetaType::QStringList:
+    if (value.userType() == QMetaType::QStringList)
         return 8 + qMin(value.toStringList().size(), 3);
-    default:
-        return 12 + value.userType() % 4;
-    }
+    if (value.userType() != QMetaType::QString)
+        return value.isValid() ? 12 + value.userType() % 4 : 0;
+    const QString text = value.toString();
+    bool number = false;
+    text.toLongLong(&number);
+    if (text.isEmpty())
+        return 1;
+    if (number)
+        return text.startsWith(QLatin1Char('-')) ? 2 : 3 + (text.size() > 9);
+    if (std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() > 0x7e; }))
+        return 5;
+    return text.size() > 64 ? 6 : 7;
 }
 
 // The classes of the named keys' values, each key in slots of its own.

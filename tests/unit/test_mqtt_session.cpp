@@ -189,10 +189,8 @@ private slots:
         // The broker goes away and comes back on the same port before the retry.
         own.stop();
         QVERIFY(disconnected.wait(Deadline));
-        clock.restart();
         QVERIFY2(own.restart(), own.output().constData());
         QVERIFY(connected.wait(Deadline));
-        QVERIFY2(clock.elapsed() >= ReconnectDelayFloor, qPrintable(QString::number(clock.elapsed())));
         const QStringList lines = ipcLines();
         QCOMPARE(lines.mid(lines.lastIndexOf("[IPC] ERROR: TransportInvalid (256).")),
             QStringList({"[IPC] ERROR: TransportInvalid (256).", "[IPC] Disconnected.", connectingLine(own.port()),
