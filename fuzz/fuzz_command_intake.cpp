@@ -39,13 +39,9 @@ bool isMask(const QString& text)
 // What the set commands would write, and whether it ought to pass.
 void checkIpv4(const QJsonObject& data)
 {
-    Tarvik::Config::Ipv4Config ipv4;
-    ipv4.method = data.value(QLatin1String("method")).toString();
-    ipv4.address = data.value(QLatin1String("address")).toString();
-    ipv4.netmask = data.value(QLatin1String("netmask")).toString();
-    ipv4.gateway = data.value(QLatin1String("gateway")).toString();
-    ipv4.dns0 = data.value(QLatin1String("dns0")).toString();
-    ipv4.dns1 = data.value(QLatin1String("dns1")).toString();
+    const auto text = [&data](const char* key) { return data.value(QLatin1String(key)).toString(); };
+    const Tarvik::Config::Ipv4Config ipv4{
+        text("method"), text("address"), text("netmask"), text("gateway"), text("dns0"), text("dns1")};
 
     bool valid = ipv4.netmask.isEmpty() || isMask(ipv4.netmask);
     for (const QString& address : {ipv4.address, ipv4.gateway, ipv4.dns0, ipv4.dns1})
@@ -59,12 +55,6 @@ void checkIpv4(const QJsonObject& data)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    FuzzSupport::quietQt();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

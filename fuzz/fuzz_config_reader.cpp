@@ -53,7 +53,6 @@ const QStringList& keysTarvikWrites()
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    FuzzSupport::quietQt();
     // The report of every setting is filtered before it is formatted: no syslog traffic, little cost.
     Log::setLevel(Log::Error);
     keysTarvikWrites();

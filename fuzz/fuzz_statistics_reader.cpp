@@ -9,12 +9,6 @@
 using FuzzSupport::require;
 namespace DataUsage = Tarvik::DataUsage;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    FuzzSupport::quietQt();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static FuzzSupport::ScratchFiles files;

@@ -12,6 +12,7 @@
 #include <QVariant>
 #include <QtGlobal>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +29,8 @@ inline void require(bool condition, const char* what)
 }
 
 // Qt's warnings about odd files would flood the output and cost more than the reading itself.
-inline void quietQt()
+// Installed before libFuzzer starts, in every target.
+__attribute__((constructor)) static void quietQt()
 {
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& message) {
         if (type == QtFatalMsg) {
@@ -41,11 +43,7 @@ inline void quietQt()
 // No ASCII control character: what tarvik repeats must not be able to forge a log line.
 inline bool isPrintable(const QString& text)
 {
-    for (const QChar c : text) {
-        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
-            return false;
-    }
-    return true;
+    return std::none_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() == 0x7f; });
 }
 
 // Coverage of what Qt's parsers, which are not instrumented, made of the input: libFuzzer counts
@@ -56,28 +54,20 @@ inline uint8_t shapeCounters[4096] __attribute__((section("__libfuzzer_extra_cou
 // A value as read from an INI file, in a few classes.
 inline uint32_t shapeOf(const QVariant& value)
 {
-    switch (value.userType()) {
-    case QMetaType::UnknownType:
-        return 0;
-    case QMetaType::QString: {
-        const QString text = value.toString();
-        bool number = false;
-        text.toLongLong(&number);
-        if (text.isEmpty())
-            return 1;
-        if (number)
-            return text.startsWith(QLatin1Char('-')) ? 2 : 3 + (text.size() > 9);
-        for (const QChar c : text) {
-            if (c.unicode() < 0x20 || c.unicode() > 0x7e)
-                return 5;
-        }
-        return text.size() > 64 ? 6 : 7;
-    }
-    case QMetaType::QStringList:
+    if (value.userType() == QMetaType::QStringList)
         return 8 + qMin(value.toStringList().size(), 3);
-    default:
-        return 12 + value.userType() % 4;
-    }
+    if (value.userType() != QMetaType::QString)
+        return value.isValid() ? 12 + value.userType() % 4 : 0;
+    const QString text = value.toString();
+    bool number = false;
+    text.toLongLong(&number);
+    if (text.isEmpty())
+        return 1;
+    if (number)
+        return text.startsWith(QLatin1Char('-')) ? 2 : 3 + (text.size() > 9);
+    if (std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() > 0x7e; }))
+        return 5;
+    return text.size() > 64 ? 6 : 7;
 }
 
 // The classes of the named keys' values, each key in slots of its own.

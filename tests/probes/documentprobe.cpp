@@ -9,24 +9,19 @@
 #include <QJsonDocument>
 #include <QTimer>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 
 namespace {
 
-NetworkManager::Device::Ptr deviceNamed(const QString& interface)
-{
-    for (const NetworkManager::Device::Ptr& device : NetworkManager::networkInterfaces()) {
-        if (device->interfaceName() == interface)
-            return device;
-    }
-    return {};
-}
-
 QJsonObject build(const QString& topic, const QString& interface)
 {
     using namespace Tarvik;
-    const auto device = deviceNamed(interface);
+    const auto devices = NetworkManager::networkInterfaces();
+    const auto named = std::find_if(devices.begin(), devices.end(),
+        [&interface](const NetworkManager::Device::Ptr& d) { return d->interfaceName() == interface; });
+    const auto device = named == devices.end() ? NetworkManager::Device::Ptr() : *named;
     const auto wired = device.objectCast<NetworkManager::WiredDevice>();
     const auto wireless = device.objectCast<NetworkManager::WirelessDevice>();
     const auto modem = device.objectCast<NetworkManager::ModemDevice>();
