@@ -162,6 +162,16 @@ private slots:
         QCOMPARE(liveMqtt.url, QString("broker.lan"));
         QCOMPARE(readFile(link), defaultFile);
         QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList({"previous", "tarvik.conf"}));
+        // The text users find in their file, the key the default file lacks included.
+        QCOMPARE(readFile(path),
+            QByteArray("[Ethernet]\naddress=192.168.1.10\nautocon=false\ndns0=192.168.1.2\ndns1=192.168.1.3\n"
+                       "gateway=192.168.1.1\nid=Wired1\nmask=255.255.255.0\nmethod=manual\n\n"
+                       "[Modem]\naddress=10.0.0.2\napn=apn.example\nautocon=false\ndns0=10.0.0.3\ndns1=10.0.0.4\n"
+                       "gateway=10.0.0.1\nid=Cell1\nmethod=manual\nnetmask=255.255.255.252\nnetwork_id=24201\n"
+                       "password=cellpass\npin=1234\nusageSec=300\nusername=celluser\n\n"
+                       "[Mqtt]\nbase=site/net\npass=mqttpass\nport=1884\nurl=broker.lan\nuser=mqttuser\n\n"
+                       "[Wifi]\naddress=10.1.0.10\nautocon=true\ndns0=10.1.0.2\ndns1=10.1.0.3\ngateway=10.1.0.1\n"
+                       "id=Wlan1\nkey=wifikey\nmask=255.255.0.0\nmethod=manual\nssid=HomeNet\n"));
 
         const Constructed second = construct(path);
         QCOMPARE(second.log, report());
