@@ -93,11 +93,12 @@ def test_unreadable_file_and_missing_system_bus_are_named(tmp_path, content):
     assert result.returncode == 1
 
 
+# A line of each level, and the syslog priority the level has.
 LEVEL_MARKERS = {
-    "error": "[Engine] Unsupported command 'noise/get'",
-    "warning": "[Engine] Skipping device: bt0",
-    "info": "[Engine] IPC Connected to 127.0.0.1",
-    "debug": "[IPC] Publishing Message",
+    "error": ("[Engine] Unsupported command 'noise/get'", 3),
+    "warning": ("[Engine] Skipping device: bt0", 4),
+    "info": ("[Engine] IPC Connected to 127.0.0.1", 6),
+    "debug": ("[IPC] Publishing Message", 7),
 }
 
 
@@ -108,7 +109,7 @@ LEVEL_MARKERS = {
     ("-2", {"error"}),
     ("abc", {"error"}),
 ])
-def test_levels_reaching_stderr(world, verbosity, shown):
+def test_levels_reaching_stderr_and_syslog(world, verbosity, shown):
     world.nm.add_device("bt0", 5, state=30)
     client = world.mqtt(subscribe=world.base + "/status")
     client.subscribe(world.base + "/error")
@@ -118,7 +119,12 @@ def test_levels_reaching_stderr(world, verbosity, shown):
     client.wait_for(world.base + "/status")
     client.command("noise/get", off_contract({}))
     client.wait_for(world.base + "/error")
-    tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"]))
-    seen = {level for level, marker in LEVEL_MARKERS.items()
+    tarvik.wait_for_log(re.escape(LEVEL_MARKERS["error"][0]))
+    seen = {level for level, (marker, _) in LEVEL_MARKERS.items()
             if any(marker in line for line in tarvik.log_lines)}
     assert seen == shown
+    if tarvik.syslog:   # captured when run as root
+        tarvik.wait_for_syslog(re.escape(LEVEL_MARKERS["error"][0]))
+        assert {(level, record.facility, record.priority) for level, (marker, _) in LEVEL_MARKERS.items()
+                for record in tarvik.syslog.records if marker in record.message} == {
+            (level, 17, LEVEL_MARKERS[level][1]) for level in shown}
