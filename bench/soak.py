@@ -154,7 +154,7 @@ class Soak:
         wait_until(lambda: any('Publishing Data usage statistics' in line for line in self.tarvik.log_lines[mark:]),
                    WAIT, 'a data-usage reading')
         with self.client() as client:
-            self.sync(client)
+            client.sync(WAIT)
 
     @contextlib.contextmanager
     def client(self, subscribe=True):
@@ -168,12 +168,6 @@ class Soak:
             yield client
         finally:
             client.disconnect()
-
-    def sync(self, client):
-        '''Returns once everything tarvik published before now has reached the client.'''
-        sent = time.monotonic()
-        client.command('info/get', {})
-        client.wait_for(client.topic('info'), timeout=WAIT, predicate=lambda m: m.time >= sent and not m.retain)
 
     def wait_lines(self, mark, patterns):
         '''Each pattern matches a log line after the mark, in any order.'''
@@ -255,13 +249,13 @@ class Soak:
                     lambda doc: doc.get('quality') == quality),
                    ('status', lambda: self.world.nm.set_status(state), lambda doc: doc.get('state') == state // 10))
         with self.client() as client:
-            self.sync(client)
+            client.sync(WAIT)
             for topic, change, matches in changes:
                 mark = len(client.messages())
                 change()
                 client.wait_for(client.topic(topic), timeout=WAIT,
                                 predicate=lambda m: not m.retain and matches(m.json))
-                self.sync(client)
+                client.sync(WAIT)
                 seen = [m for m in client.messages()[mark:] if m.topic == client.topic(topic) and not m.retain]
                 doubled = sum(1 for m in seen if matches(m.json)) - 1
                 self.checks['doubled'] += 1
@@ -293,7 +287,7 @@ class Soak:
                 wait_until(lambda: client.count(client.topic('error')) >= len(commands), WAIT, 'an error for each')
             except Exception:  # noqa: BLE001 - counted below
                 pass
-            self.sync(client)
+            client.sync(WAIT)
             unanswered = len(commands) - client.count(client.topic('error'))
         self.done['hostile'] += len(commands)
         if unanswered:
@@ -394,7 +388,7 @@ class Soak:
         with self.client() as client:
             client.command('wifi/config/set', {'ssid': 'HomeNet', 'key': scenarios.DEMO_WIFI_KEY, 'method': 'auto'})
             wait_until(lambda: len(config_keys(self.config_path())) > 20, WAIT, 'tarvik to write its configuration')
-            self.sync(client)
+            client.sync(WAIT)
         self.initial_keys = config_keys(self.config_path())
         self.config_keys = set(self.initial_keys)
 

@@ -2,7 +2,6 @@
 
 import os
 import re
-import time
 
 from world import config_keys, u32_to_ip4
 
@@ -22,20 +21,8 @@ def start(world, mqtt, config=None, extra_args=(), level="2"):
     tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.", timeout=15)
     # The reload's own "info" must not pass for the answer that sync waits for.
     mqtt.wait_for(mqtt.topic("info"))
-    sync(mqtt)
+    mqtt.sync()
     return tarvik
-
-
-def sync(mqtt):
-    """Returns once everything tarvik published before now has reached the client.
-
-    tarvik handles one thing at a time: the answer to a command comes after
-    every publication it made before reading the command. No reload may be
-    under way: its own "info" would pass for the answer; nor may a retained
-    copy, which a subscription made just before delivers late."""
-    sent = time.monotonic()
-    mqtt.command("info/get", {})
-    mqtt.wait_for(mqtt.topic("info"), predicate=lambda m: m.time >= sent and not m.retain)
 
 
 def published(mqtt, topic, since):

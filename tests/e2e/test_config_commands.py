@@ -7,7 +7,7 @@ import pytest
 
 import scenarios
 import engineflow
-from engineflow import addresses, dns, sync
+from engineflow import addresses, dns
 from contract import off_contract
 from world import config_keys
 
@@ -55,7 +55,7 @@ def test_set_commands_end_with_the_profile_asked_for(world, mqtt, kind):
     for payload, expected in IPV4_STEPS:
         world.nm.clear_calls()
         mqtt.command(f"{kind}/config/set", {"interface": interface, **extra, **payload})
-        sync(mqtt)
+        mqtt.sync()
         assert stored_ipv4(world, device.connection) == expected, payload
         assert [c["method"] for c in world.nm.calls() if c["method"] in ("Update", "ActivateConnection")][-1] == \
             "ActivateConnection", payload
@@ -63,12 +63,12 @@ def test_set_commands_end_with_the_profile_asked_for(world, mqtt, kind):
 
     if kind == "wifi":
         mqtt.command("wifi/config/set", {"interface": interface, "ssid": "HomeNet", "key": "new-secret-5678"})
-        sync(mqtt)
+        mqtt.sync()
         assert world.nm.connection_secrets(device.connection, "802-11-wireless-security") == {"psk": "new-secret-5678"}
     if kind == "modem":
         # Emptying the password must leave none stored, not keep the old one.
         mqtt.command("modem/config/set", {"interface": interface, "apn": "telco.example", "username": "bob"})
-        sync(mqtt)
+        mqtt.sync()
         gsm = world.nm.connection_settings(device.connection)["gsm"]
         assert (gsm["apn"], gsm["username"]) == ("telco.example", "bob")
         assert world.nm.connection_secrets(device.connection, "gsm") == {}

@@ -10,7 +10,7 @@ import time
 import pytest
 
 import scenarios
-from engineflow import NO_WIFI, published, start, stamp, sync
+from engineflow import NO_WIFI, published, start, stamp
 from world import gsm_profile, wifi_profile
 
 
@@ -31,7 +31,7 @@ def test_failed_and_successful_activations_publish_one_state_per_reduced_state(w
         r"\[Engine\] \[Wifi\] State changed: Unavailable \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
     tarvik.wait_for_log(
         r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=ConfigUnavailableReason\)\.$")
-    sync(mqtt)
+    mqtt.sync()
     assert len(state_changes(tarvik, mark)) == 3
     assert [m.json["stateStr"] for m in published(mqtt, "wifi/state", since)] == [
         "Connecting", "Unavailable", "Disconnected"]
@@ -44,13 +44,13 @@ def test_failed_and_successful_activations_publish_one_state_per_reduced_state(w
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Disconnected \(dev=wlan0, reason=UnknownReason\)\.$")
     assert [line.split("State changed: ")[1] for line in state_changes(tarvik, mark)] == [
         "Unavailable (dev=wlan0, reason=UnknownReason).", "Disconnected (dev=wlan0, reason=UnknownReason)."]
-    sync(mqtt)
+    mqtt.sync()
 
     # 30 -> 40 -> 50 -> 70 -> 80 -> 90 -> 100, as the daemon does it.
     mark, since = len(tarvik.log_lines), time.monotonic()
     world.nm.activate(profile, wlan, ap)
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] State changed: Connected \(dev=wlan0, reason=UnknownReason\)\.$")
-    sync(mqtt)
+    mqtt.sync()
     assert [re.sub(r"^.*\[Engine\] ", "", line) for line in state_changes(tarvik, mark)] == [
         "[Wifi] State changed: Connecting (dev=wlan0, reason=UnknownReason).",
         "[Wifi] State changed: Connected (dev=wlan0, reason=UnknownReason).",
@@ -77,7 +77,7 @@ def test_cable_pulled_and_plugged_back_is_followed_to_connected(world, mqtt, tar
     # NetworkManager connects an autoconnect profile again once the cable is back.
     world.nm.set_carrier(eth.device, True)
     tarvik.wait_for_log(r"\[Engine\] \[Ethernet\] State changed: Connected \(dev=eth0, reason=UnknownReason\)\.$")
-    sync(mqtt)
+    mqtt.sync()
     assert [m.json["stateStr"] for m in published(mqtt, "ethernet/state", since)] == [
         "Disconnected", "Disconnected", "Connecting", "Connected"]
 
@@ -93,7 +93,7 @@ def test_managed_flag_and_interface_name_are_only_logged(world, mqtt, tarvik_bin
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Device is now managed \(name=wlan0\)\.$")
     world.nm.set_interface_name(wlan, "wlan7")
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Device interface name changed: wlan7\.$")
-    sync(mqtt)
+    mqtt.sync()
     documents = [m.topic for m in mqtt.messages() if m.time >= since and not m.topic.endswith("/get")]
     assert documents == [mqtt.topic("info")]
 
@@ -115,11 +115,11 @@ def test_device_added_is_provisioned_a_second_later_and_removal_only_logged(worl
 
     # The removal itself is only logged; what follows comes from the
     # device's last state changes, not from a new provisioning.
-    sync(mqtt)
+    mqtt.sync()
     mark, since = len(tarvik.log_lines), time.monotonic()
     world.nm.remove_device(eth)
     tarvik.wait_for_log(r"\[Engine\] Device removed: " + re.escape(eth) + "$")
-    sync(mqtt)
+    mqtt.sync()
     assert published(mqtt, "ethernet/config", since) == []
     assert not any(re.search(r"Stopped monitoring|Checking connection|Started monitoring", line)
                    for line in tarvik.log_lines[mark:])
@@ -134,7 +134,7 @@ def test_modem_usage_is_counted_while_connected(world, mqtt, tarvik_binary):
     world.nm.deactivate(modem.device, wait=False)
     tarvik.wait_for_log(
         r"\[Engine\] \[Modem\] State changed: Disconnecting \(dev=cdc-wdm0, reason=UserRequestedReason\)\.$")
-    sync(mqtt)
+    mqtt.sync()
     # Whatever happened in between, counting ends with the connection; the
     # state lines and activations say what happened if it does not.
     monitoring = [line for line in tarvik.log_lines if "monitoring Data usage" in line]
@@ -153,7 +153,7 @@ def test_refused_scan_of_last_monitored_wifi_is_logged_without_publication(world
 
     scan = tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Scanning for  Wifi networks\.$", timeout=40)
     refused = tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Failed to scan for Wifi networks: Scanning not allowed$")
-    sync(mqtt)
+    mqtt.sync()
 
     # A coarse timer: up to 5 % early.
     assert 28.4 <= stamp(scan.string) - stamp(monitored) < 33
@@ -222,7 +222,7 @@ def test_restarts_restore_monitoring_without_doubling_a_handler(world, mqtt, tar
     # The current documents are published again (the broker keeps no
     # retained copies over its own restart): the signal comes last.
     client.wait_for(client.topic("modem/signal"))
-    sync(client)
+    client.sync()
     mark, since = len(tarvik.log_lines), time.monotonic()
 
     world.nm.set_status(60)
@@ -233,7 +233,7 @@ def test_restarts_restore_monitoring_without_doubling_a_handler(world, mqtt, tar
     tarvik.wait_for_log(r"\[Engine\] \[Wifi\] Network 'Cafe' found")
     world.mm.set_signal(MODEM, 77)
     tarvik.wait_for_log(r"\[Engine\] \[Modem\] Signal changed '77'")
-    sync(client)
+    client.sync()
 
     for topic in ("status", "wifi/state", "wifi/networks", "modem/signal"):
         assert len(published(client, topic, since)) == 1, f"{topic} published more than once"

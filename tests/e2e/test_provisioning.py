@@ -8,7 +8,7 @@ read back from the simulated daemon; log lines only where they are what a user s
 import pytest
 
 import scenarios
-from engineflow import addresses, dns, start, sync
+from engineflow import addresses, dns, start
 from world import ethernet_profile
 
 def provisioning_lines(tarvik, tag):
@@ -179,7 +179,7 @@ def test_refusals_are_logged_and_change_nothing(world, mqtt, tarvik_binary, meth
     world.nm.clear_calls()
     tarvik = start(world, mqtt)
     mqtt.wait_for(mqtt.topic("ethernet/config"))
-    sync(mqtt)
+    mqtt.sync()
 
     assert provisioning_lines(tarvik, "Ethernet")[-1] == line
     assert methods(world) == [method]

@@ -14,7 +14,7 @@ import time
 import pytest
 
 from conftest import stopped_after
-from engineflow import addresses, dns, sync, usage_totals
+from engineflow import addresses, dns, usage_totals
 from realnetworkmanager import MODEM_DEVICE as MODEM, OWN_DEVICE, RealWorld, Unavailable
 from world import wait_until
 
@@ -59,7 +59,7 @@ def reloaded(tarvik, client):
     """Returns once a reload has run to its end (the modem's signal is its last document)."""
     tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.$", timeout=20)
     client.wait_for(client.topic("modem/signal"))
-    sync(client)
+    client.sync()
 
 
 def outcome(tarvik):
