@@ -126,5 +126,5 @@ def test_levels_reaching_stderr_and_syslog(world, verbosity, shown):
     if tarvik.syslog:   # captured when run as root
         tarvik.wait_for_syslog(re.escape(LEVEL_MARKERS["error"][0]))
         assert {(level, record.facility, record.priority) for level, (marker, _) in LEVEL_MARKERS.items()
-                for record in tarvik.syslog.records if marker in record.message} == {
+                for record in tarvik.syslog_records if marker in record.message} == {
             (level, 17, LEVEL_MARKERS[level][1]) for level in shown}
