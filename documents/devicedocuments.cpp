@@ -7,7 +7,6 @@
 
 #include <NetworkManagerQt/Manager>
 #include <NetworkManagerQt/WirelessNetwork>
-#include <NetworkManagerQt/WirelessSecuritySetting>
 #include <NetworkManagerQt/WirelessSetting>
 #include <QJsonArray>
 
@@ -30,22 +29,6 @@ QString ssidText(const QByteArray& ssid)
 {
     const int end = ssid.indexOf('\0');
     return QString::fromLatin1(end < 0 ? ssid : ssid.left(end));
-}
-
-// The stored pre-shared key; unset when NetworkManager holds no security
-// secrets for the profile (an open network, for example).
-void insertWifiKey(QJsonObject& document, const NetworkManager::Connection::Ptr& profile)
-{
-    const auto security = DocumentParts::profileSetting<NetworkManager::WirelessSecuritySetting>(
-        profile, NetworkManager::Setting::WirelessSecurity);
-    if (!security) {
-        return;
-    }
-    const QDBusPendingReply<NMVariantMapMap> reply = DocumentParts::waitForSecrets(profile, security->name());
-    if (!reply.isValid()) {
-        return;
-    }
-    document.insert("key", reply.value().value(security->name()).value("psk").toString());
 }
 
 QJsonObject networkObject(const NetworkManager::WirelessNetwork::Ptr& network)
@@ -102,7 +85,7 @@ QJsonObject wifiStateDocument(NetworkManager::WirelessDevice::Ptr dev)
     return document;
 }
 
-QJsonObject wifiConfigDocument(NetworkManager::WirelessDevice::Ptr dev)
+QJsonObject wifiConfigDocument(NetworkManager::WirelessDevice::Ptr dev, const std::optional<QVariantMap>& secrets)
 {
     const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
     if (!profile) {
@@ -117,7 +100,10 @@ QJsonObject wifiConfigDocument(NetworkManager::WirelessDevice::Ptr dev)
     if (wireless) {
         document.insert("ssid", ssidText(wireless->ssid()));
     }
-    insertWifiKey(document, profile);
+    // Unset when NetworkManager holds no security secrets for the profile (an open network, for example).
+    if (secrets) {
+        document.insert("key", secrets->value("psk").toString());
+    }
     document.insert("interface", dev->interfaceName());
     return document;
 }

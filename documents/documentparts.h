@@ -7,12 +7,11 @@
 #include <NetworkManagerQt/Device>
 #include <NetworkManagerQt/GenericTypes>
 #include <NetworkManagerQt/Setting>
-#include <QDBusPendingReply>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
 
-// Pieces that several device documents share; internal to the documents module.
+// Pieces that several device documents share, and what decides which profile they describe.
 namespace Tarvik {
 namespace DocumentParts {
 
@@ -45,10 +44,6 @@ QSharedPointer<T> profileSetting(const NetworkManager::Connection::Ptr& connecti
     }
     return settings->setting(type).template staticCast<T>();
 }
-
-// Asks NetworkManager for the secrets of one setting of a profile and waits
-// for the answer, so that the document is complete when it goes out.
-QDBusPendingReply<NMVariantMapMap> waitForSecrets(const NetworkManager::Connection::Ptr& connection, const QString& settingName);
 
 } // namespace DocumentParts
 } // namespace Tarvik

@@ -11,6 +11,9 @@
 #include <QJsonValue>
 #include <QMap>
 #include <QString>
+#include <QVariantMap>
+
+#include <optional>
 
 // Every document tarvik publishes, computed from NetworkManager and
 // ModemManager as they are at the moment of the call. Nothing here sends.
@@ -26,15 +29,15 @@ QJsonObject errorDocument(const QString& command, const QString& error);
 QJsonObject ethernetStateDocument(NetworkManager::WiredDevice::Ptr device);
 QJsonObject ethernetConfigDocument(NetworkManager::WiredDevice::Ptr device);
 QJsonObject wifiStateDocument(NetworkManager::WirelessDevice::Ptr device);
-// Waits for the profile's secrets, so that the key is in the document.
-QJsonObject wifiConfigDocument(NetworkManager::WirelessDevice::Ptr device);
+// secrets: the profile's wireless-security secrets as NetworkManager gave them, or none when it holds none.
+QJsonObject wifiConfigDocument(NetworkManager::WirelessDevice::Ptr device, const std::optional<QVariantMap>& secrets);
 QJsonObject wifiAccessPointsDocument(NetworkManager::WirelessDevice::Ptr device);
 QJsonObject wifiNetworksDocument(NetworkManager::WirelessDevice::Ptr device);
 
 QJsonObject modemStateDocument(NetworkManager::ModemDevice::Ptr device);
-// Waits for the profile's secrets, so that the password and PIN are in the document.
-QJsonObject modemConfigDocument(NetworkManager::ModemDevice::Ptr device);
-// Empty when ModemManager does not know the modem.
+// secrets: the profile's GSM secrets as NetworkManager gave them, or none when it holds none.
+QJsonObject modemConfigDocument(NetworkManager::ModemDevice::Ptr device, const std::optional<QVariantMap>& secrets);
+// Empty when ModemManager does not know the modem (or is not on the bus).
 QJsonObject modemSignalDocument(NetworkManager::ModemDevice::Ptr device);
 QJsonObject modemStatsDocument(const UsageByMonth& usage);
 

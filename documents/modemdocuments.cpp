@@ -1,6 +1,7 @@
 // The mobile-broadband device: state with the ModemManager identity, the
 // NetworkManager profile, signal quality and data usage.
 
+#include "documents/daemonsonbus.h"
 #include "documents/documentparts.h"
 #include "documents/documents.h"
 #include "vocabulary/devicestate.h"
@@ -21,6 +22,9 @@ namespace {
 // The ModemManager side of a NetworkManager modem: its UDI is the modem's path.
 ModemManager::ModemDevice::Ptr modemManagerDevice(const NetworkManager::ModemDevice::Ptr& device)
 {
+    if (!isOnBus(Daemon::ModemManager)) {
+        return ModemManager::ModemDevice::Ptr();
+    }
     return ModemManager::findModemDevice(device->udi());
 }
 
@@ -94,22 +98,20 @@ void insertModemManagerMembers(QJsonObject& document, const ModemManager::ModemD
 }
 
 // The profile's GSM members. The password and the PIN are secrets that the
-// profile only shows once they have been loaded from NetworkManager.
-void insertGsmMembers(QJsonObject& document, const NetworkManager::Connection::Ptr& profile)
+// profile's settings never show: they come from the secrets, when there are any.
+void insertGsmMembers(QJsonObject& document, const NetworkManager::Connection::Ptr& profile,
+                      const std::optional<QVariantMap>& secrets)
 {
     const auto gsm = DocumentParts::profileSetting<NetworkManager::GsmSetting>(profile, NetworkManager::Setting::Gsm);
     if (!gsm) {
         return;
     }
-    const QDBusPendingReply<NMVariantMapMap> reply = DocumentParts::waitForSecrets(profile, gsm->name());
-    if (!reply.isError()) {
-        gsm->secretsFromMap(reply.value().value(gsm->name()));
-    }
+    const QVariantMap stored = secrets.value_or(QVariantMap());
     document.insert("apn", gsm->apn());
     document.insert("username", gsm->username());
-    document.insert("password", gsm->password());
+    document.insert("password", stored.value("password", gsm->password()).toString());
     document.insert("networkId", gsm->networkId());
-    document.insert("pin", gsm->pin());
+    document.insert("pin", stored.value("pin", gsm->pin()).toString());
 }
 
 // Two decimals, half up, through a 32-bit integer; values the integer cannot
@@ -145,14 +147,14 @@ QJsonObject modemStateDocument(NetworkManager::ModemDevice::Ptr modem)
     return document;
 }
 
-QJsonObject modemConfigDocument(NetworkManager::ModemDevice::Ptr dev)
+QJsonObject modemConfigDocument(NetworkManager::ModemDevice::Ptr dev, const std::optional<QVariantMap>& secrets)
 {
     const NetworkManager::Connection::Ptr profile = DocumentParts::firstAvailableConnection(dev);
     if (!profile) {
         return DocumentParts::unknownConfig(dev);
     }
     QJsonObject document = DocumentParts::ipv4ConfigMembers(profile);
-    insertGsmMembers(document, profile);
+    insertGsmMembers(document, profile, secrets);
     document.insert("interface", dev->interfaceName());
     return document;
 }

@@ -1,6 +1,7 @@
 // The network as a whole, the routing of generic devices, and the encoders
 // that every device document shares.
 
+#include "documents/daemonsonbus.h"
 #include "documents/documentparts.h"
 #include "documents/documents.h"
 #include "vocabulary/devicestate.h"
@@ -27,10 +28,26 @@ NetworkManager::Device::Ptr deviceOf(const NetworkManager::ActiveConnection::Ptr
     return NetworkManager::findNetworkInterface(paths.first());
 }
 
+// What the library reports while it has no daemon to read from.
+QJsonObject unknownNetworkStatus()
+{
+    QJsonObject document;
+    document.insert("hostname", QString());
+    document.insert("state", int(NetworkManager::Unknown));
+    document.insert("stateStr", statusToString(NetworkManager::Unknown));
+    document.insert("connectivity", int(NetworkManager::UnknownConnectivity));
+    document.insert("connectivityStr", connectivityToString(NetworkManager::UnknownConnectivity));
+    document.insert("primaryConnection", QJsonValue::Null);
+    return document;
+}
+
 } // namespace
 
 QJsonObject networkStatusDocument()
 {
+    if (!isOnBus(Daemon::NetworkManager)) {
+        return unknownNetworkStatus();
+    }
     QJsonObject document;
     document.insert("hostname", NetworkManager::hostname());
     document.insert("state", int(NetworkManager::status()));
@@ -170,13 +187,6 @@ QJsonObject ipv4ConfigMembers(const NetworkManager::Connection::Ptr& profile)
 {
     const auto setting = profileSetting<NetworkManager::Ipv4Setting>(profile, NetworkManager::Setting::Ipv4);
     return toJson(setting).toObject();
-}
-
-QDBusPendingReply<NMVariantMapMap> waitForSecrets(const NetworkManager::Connection::Ptr& connection, const QString& settingName)
-{
-    QDBusPendingReply<NMVariantMapMap> reply = connection->secrets(settingName);
-    reply.waitForFinished();
-    return reply;
 }
 
 } // namespace DocumentParts

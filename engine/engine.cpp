@@ -1,5 +1,13 @@
 #include "engine/engine.h"
 
+#include "documents/daemonsonbus.h"
+#include "documents/documents.h"
+#include "engine/burstpublisher.h"
+#include "engine/daemonpresence.h"
+#include "engine/devicekind.h"
+#include "engine/devicepublisher.h"
+#include "engine/devicework.h"
+#include "engine/modemdataport.h"
 #include "vocabulary/clienttext.h"
 #include "vocabulary/valuenames.h"
 
@@ -25,11 +33,19 @@ QString invalidDeviceText(const QJsonObject& payload)
 // The kernel's limit: a longer name cannot name a device.
 constexpr int maxInterfaceNameBytes = 15;
 
+const QString networkManagerService = QStringLiteral("org.freedesktop.NetworkManager");
+const QString modemManagerService = QStringLiteral("org.freedesktop.ModemManager1");
+
 } // namespace
 
 Engine::Engine(const QString& configPath, QObject* parent)
     : QObject(parent)
     , m_stats(QStringLiteral("./stats/modem.ini"), QSettings::IniFormat)
+    , m_networkManager(new DaemonPresence(networkManagerService, this))
+    , m_modemManager(new DaemonPresence(modemManagerService, this))
+    , m_work(new DeviceWork(this))
+    , m_bursts(new BurstPublisher(this))
+    , m_modemDataPort(new ModemDataPort(this))
 {
     m_commands.insert(QStringLiteral("status/get"), &Engine::processNetworkStatusCommand);
     m_commands.insert(QStringLiteral("info/get"), &Engine::processNetworkInfoCommand);
@@ -49,6 +65,7 @@ Engine::Engine(const QString& configPath, QObject* parent)
     // Config and IPC share the engine's own parent; the owning pointers are what frees them.
     m_config.reset(new Config(configPath, parent));
     m_ipc.reset(new IPC(m_config.get(), parent));
+    m_publisher = new DevicePublisher(m_ipc.get(), this);
 
     connect(m_ipc.get(), &IPC::connected, this, &Engine::onIPCConnected);
     connect(m_ipc.get(), &IPC::disconnected, this, &Engine::onIPCDiscconnected);
@@ -71,8 +88,12 @@ bool Engine::start()
 {
     if (!checkSystemBus())
         return false;
-    monitorModemManager();
-    m_ipc->connect();
+    connect(m_networkManager, &DaemonPresence::known, this, &Engine::onNetworkManagerKnown);
+    connect(m_networkManager, &DaemonPresence::changed, this, &Engine::onNetworkManagerPresenceChanged);
+    connect(m_modemManager, &DaemonPresence::known, this, &Engine::onModemManagerKnown);
+    connect(m_modemManager, &DaemonPresence::changed, this, &Engine::onModemManagerPresenceChanged);
+    m_networkManager->start();
+    m_modemManager->start();
     return true;
 }
 
@@ -119,7 +140,7 @@ NetworkManager::Device::Ptr Engine::findDevice(const QString& name, NetworkManag
 {
     const bool anyType = type == NetworkManager::Device::UnknownType;
     const bool possibleName = name.toUtf8().size() <= maxInterfaceNameBytes;
-    if (possibleName && (!name.isEmpty() || !anyType)) {
+    if (possibleName && (!name.isEmpty() || !anyType) && isOnBus(Daemon::NetworkManager)) {
         const auto devices = NetworkManager::networkInterfaces();
         for (const NetworkManager::Device::Ptr& device : devices) {
             const bool nameMatches = name.isEmpty() || device->interfaceName() == name;
@@ -142,46 +163,6 @@ NetworkManager::Device::Ptr Engine::findRequestedDevice(const QJsonObject& paylo
     return device;
 }
 
-void Engine::processNetworkStatusCommand(const QJsonObject&)
-{
-    m_ipc->publishNetworkStatus();
-}
-
-void Engine::processNetworkInfoCommand(const QJsonObject&)
-{
-    m_ipc->publishNetworkInfo();
-}
-
-void Engine::processEthernetStateGetCommand(const QJsonObject& payload)
-{
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Ethernet,
-                                            QStringLiteral("ethernet/state/get"));
-    if (device)
-        m_ipc->publishDeviceState(device);
-}
-
-void Engine::processEthernetConfigGetCommand(const QJsonObject& payload)
-{
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Ethernet,
-                                            QStringLiteral("ethernet/config/get"));
-    if (device)
-        m_ipc->publishDeviceConfig(device);
-}
-
-void Engine::processWifiStateGetCommand(const QJsonObject& payload)
-{
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Wifi, QStringLiteral("wifi/state/get"));
-    if (device)
-        m_ipc->publishDeviceState(device);
-}
-
-void Engine::processWifiConfigGetCommand(const QJsonObject& payload)
-{
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Wifi, QStringLiteral("wifi/config/get"));
-    if (device)
-        m_ipc->publishDeviceConfig(device);
-}
-
 NetworkManager::WirelessDevice::Ptr Engine::findRequestedWirelessDevice(const QJsonObject& payload,
                                                                        const QString& errorCommand)
 {
@@ -194,31 +175,95 @@ NetworkManager::WirelessDevice::Ptr Engine::findRequestedWirelessDevice(const QJ
     return wireless;
 }
 
+void Engine::queueAnswer(const NetworkManager::Device::Ptr& device, DeviceWork::Sort sort, DeviceWork::Job answer)
+{
+    m_work->add(device->uni(), sort, [this, device, answer](const DeviceWork::Finished& finished) {
+        m_bursts->flush(device->uni());
+        answer(finished);
+    });
+}
+
+void Engine::answerState(const QJsonObject& payload, NetworkManager::Device::Type type, const QString& command)
+{
+    const auto device = findRequestedDevice(payload, type, command);
+    if (!device)
+        return;
+    queueAnswer(device, DeviceWork::Once, [this, device](const DeviceWork::Finished& finished) {
+        m_publisher->publishState(device);
+        finished();
+    });
+}
+
+void Engine::answerConfig(const QJsonObject& payload, NetworkManager::Device::Type type, const QString& command)
+{
+    const auto device = findRequestedDevice(payload, type, command);
+    if (!device)
+        return;
+    queueAnswer(device, DeviceWork::ConfigReading, [this, device](const DeviceWork::Finished& finished) {
+        m_publisher->publishConfig(device, finished);
+    });
+}
+
+void Engine::answerWireless(const QJsonObject& payload, const QString& command, Topic topic)
+{
+    const auto wireless = findRequestedWirelessDevice(payload, command);
+    if (!wireless)
+        return;
+    queueAnswer(wireless, DeviceWork::Once, [this, wireless, topic](const DeviceWork::Finished& finished) {
+        m_ipc->publish(topic, topic == Topic::WifiAccessPoints ? wifiAccessPointsDocument(wireless)
+                                                               : wifiNetworksDocument(wireless));
+        finished();
+    });
+}
+
+void Engine::processNetworkStatusCommand(const QJsonObject&)
+{
+    m_ipc->publishNetworkStatus();
+}
+
+void Engine::processNetworkInfoCommand(const QJsonObject&)
+{
+    m_ipc->publishNetworkInfo();
+}
+
+void Engine::processEthernetStateGetCommand(const QJsonObject& payload)
+{
+    answerState(payload, NetworkManager::Device::Ethernet, QStringLiteral("ethernet/state/get"));
+}
+
+void Engine::processEthernetConfigGetCommand(const QJsonObject& payload)
+{
+    answerConfig(payload, NetworkManager::Device::Ethernet, QStringLiteral("ethernet/config/get"));
+}
+
+void Engine::processWifiStateGetCommand(const QJsonObject& payload)
+{
+    answerState(payload, NetworkManager::Device::Wifi, QStringLiteral("wifi/state/get"));
+}
+
+void Engine::processWifiConfigGetCommand(const QJsonObject& payload)
+{
+    answerConfig(payload, NetworkManager::Device::Wifi, QStringLiteral("wifi/config/get"));
+}
+
 void Engine::processWifiApsGetCommand(const QJsonObject& payload)
 {
-    if (const auto wireless = findRequestedWirelessDevice(payload, QStringLiteral("wifi/aps/get")))
-        m_ipc->publishWifiAccessPoints(wireless);
+    answerWireless(payload, QStringLiteral("wifi/aps/get"), Topic::WifiAccessPoints);
 }
 
 void Engine::processWifiNetworksGetCommand(const QJsonObject& payload)
 {
-    if (const auto wireless = findRequestedWirelessDevice(payload, QStringLiteral("wifi/networks/get")))
-        m_ipc->publishWifiNetworks(wireless);
+    answerWireless(payload, QStringLiteral("wifi/networks/get"), Topic::WifiNetworks);
 }
 
 void Engine::processModemStateGetCommand(const QJsonObject& payload)
 {
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Modem, QStringLiteral("modem/state/get"));
-    if (device)
-        m_ipc->publishDeviceState(device);
+    answerState(payload, NetworkManager::Device::Modem, QStringLiteral("modem/state/get"));
 }
 
 void Engine::processModemConfigGetCommand(const QJsonObject& payload)
 {
-    const auto device = findRequestedDevice(payload, NetworkManager::Device::Modem,
-                                            QStringLiteral("modem/config/get"));
-    if (device)
-        m_ipc->publishDeviceConfig(device);
+    answerConfig(payload, NetworkManager::Device::Modem, QStringLiteral("modem/config/get"));
 }
 
 } // namespace Tarvik

@@ -1,20 +1,17 @@
 #pragma once
 
 #include "config/config.h"
+#include "engine/devicerecord.h"
+#include "engine/devicework.h"
 #include "ipc/ipc.h"
 #include "log/taggedlog.h"
-#include "vocabulary/valuenames.h"
 
-#include <NetworkManagerQt/AccessPoint>
 #include <NetworkManagerQt/ActiveConnection>
 #include <NetworkManagerQt/Connection>
-#include <NetworkManagerQt/ConnectionSettings>
 #include <NetworkManagerQt/Device>
-#include <NetworkManagerQt/Ipv4Setting>
 #include <NetworkManagerQt/Manager>
 #include <NetworkManagerQt/ModemDevice>
 #include <NetworkManagerQt/WirelessDevice>
-#include <NetworkManagerQt/WirelessSetting>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
@@ -22,14 +19,21 @@
 #include <QString>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
-#include <optional>
 
 namespace Tarvik {
 
+class BurstPublisher;
+class DaemonPresence;
+class DevicePublisher;
+class ModemDataPort;
+struct DeviceKind;
+
 // The centre of the service: dispatches commands, watches NetworkManager,
 // keeps one profile per device in line with the configuration and counts
-// the modem's data usage.
+// the modem's data usage. It never waits for a daemon: work on a device runs
+// in that device's own queue, and each daemon call is answered through the loop.
 class Engine : public QObject
 {
     Q_OBJECT
@@ -59,6 +63,10 @@ private slots:
     void onModemManagerDisappeared();
     void onModemManagerAppeared();
     void onModemAdded(const QString& udi);
+    void onNetworkManagerKnown(bool present);
+    void onNetworkManagerPresenceChanged(bool present);
+    void onModemManagerKnown(bool present);
+    void onModemManagerPresenceChanged(bool present);
 
 private:
     using CommandHandler = void (Engine::*)(const QJsonObject&);
@@ -81,6 +89,12 @@ private:
                                                     const QString& errorCommand);
     NetworkManager::WirelessDevice::Ptr findRequestedWirelessDevice(const QJsonObject& payload,
                                                                     const QString& errorCommand);
+    // An answer about a device comes after the device's earlier work, and after the documents still waiting
+    // to be published for it.
+    void queueAnswer(const NetworkManager::Device::Ptr& device, DeviceWork::Sort sort, DeviceWork::Job answer);
+    void answerState(const QJsonObject& payload, NetworkManager::Device::Type type, const QString& command);
+    void answerConfig(const QJsonObject& payload, NetworkManager::Device::Type type, const QString& command);
+    void answerWireless(const QJsonObject& payload, const QString& command, Topic topic);
     void processNetworkStatusCommand(const QJsonObject& payload);
     void processNetworkInfoCommand(const QJsonObject& payload);
     void processEthernetStateGetCommand(const QJsonObject& payload);
@@ -95,8 +109,9 @@ private:
     // Monitoring (monitoring.cpp)
     void monitorNetwork();
     void monitorModemManager();
-    // Logs which daemons are missing; false when the bus itself is.
+    // Logs why tarvik cannot work when the bus itself is missing.
     bool checkSystemBus();
+    void startOnceDaemonsKnown();
     void monitorDevice(NetworkManager::Device::Ptr device);
     void unmonitorDevice(NetworkManager::Device::Ptr device);
     NetworkManager::Device::Ptr getDeviceFromSender(QObject* sender);
@@ -105,44 +120,30 @@ private:
     void monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless);
     void monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice);
     void scanWifiNetworks(NetworkManager::WirelessDevice::Ptr wireless);
-
-    // The profile a device is to hold: its name and type, and for Wi-Fi the
-    // access point it is activated on and what that asks for.
-    struct ProfileTarget {
-        QByteArray tag;
-        QString name;
-        NetworkManager::ConnectionSettings::ConnectionType type = NetworkManager::ConnectionSettings::Unknown;
-        QString accessPoint;
-        ApSecurity security = ApSecurity::None;
-    };
+    // Reloads the modems ModemManager knows, a moment after it announced them.
+    void reloadModemsLater(const QString& udi);
 
     // Provisioning (provisioning.cpp)
     void reload();
     void reloadDevice(NetworkManager::Device::Ptr device);
     void publishConfigWhenVisible(NetworkManager::Device::Ptr device, NetworkManager::Connection::Ptr connection);
-    NetworkManager::Connection::Ptr updateConnection(NetworkManager::Device::Ptr device, const Config& config);
-    // Logs why a device gets no profile (no cable, no SSID, out of range, another type).
-    std::optional<ProfileTarget> profileTarget(NetworkManager::Device::Ptr device, const Config& config);
-    NetworkManager::Connection::Ptr createConnection(NetworkManager::Device::Ptr device, const Config& config,
-                                                     const ProfileTarget& target);
-    bool configureSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
-                           const ProfileTarget& target);
-    bool sendUpdate(NetworkManager::Connection::Ptr connection, NetworkManager::ConnectionSettings::Ptr settings,
-                    bool clearSecrets, const ProfileTarget& target);
-    bool activate(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device,
-                  const ProfileTarget& target);
-    NetworkManager::Connection::Ptr findConnection(const QString& name, NetworkManager::Device::Ptr device);
-    NetworkManager::AccessPoint::Ptr findAccessPoint(NetworkManager::Device::Ptr device, const QString& ssid);
-    void loadConnectionSecrets(NetworkManager::Connection::Ptr connection, NetworkManager::Device::Ptr device);
+    // Makes the device's profile match the record, then hands the profile (or null) to done.
+    void updateConnection(NetworkManager::Device::Ptr device, const DeviceRecord& record,
+                          std::function<void(NetworkManager::Connection::Ptr)> done);
 
     // Configuration commands (configcommands.cpp)
     // Publishes why the record cannot be written, when it cannot.
     bool acceptIpv4(const Config::Ipv4Config& ipv4, const QString& errorCommand);
+    // Writes the command's record to the file at once, then provisions it after the device's earlier work;
+    // a newer record replaces one still waiting.
+    void applyConfigSet(const DeviceKind& kind, const QJsonObject& payload);
     void processEthernetConfigSetCommand(const QJsonObject& payload);
     void processWifiConfigSetCommand(const QJsonObject& payload);
     void processModemConfigSetCommand(const QJsonObject& payload);
 
     // Modem data usage (modemusage.cpp)
+    // Counts while the modem is connected.
+    void followModemStats(NetworkManager::Device::Ptr modem);
     void startMonitorModemStats();
     void stopMonitorModemStats();
     void updateModemStats();
@@ -158,7 +159,17 @@ private:
     std::unique_ptr<IPC> m_ipc;
     std::unique_ptr<QTimer> m_scanTimer;
     QMap<QString, CommandHandler> m_commands;
+    DaemonPresence* m_networkManager;
+    DaemonPresence* m_modemManager;
+    DeviceWork* m_work;
+    DevicePublisher* m_publisher;
+    BurstPublisher* m_bursts;
+    ModemDataPort* m_modemDataPort;
     bool m_brokerConnected = false;
+    bool m_started = false;
+    // Once a library has read its daemon, its own signals say when the daemon comes and goes.
+    bool m_networkManagerLinked = false;
+    bool m_modemManagerLinked = false;
     const TaggedLog log{"[Engine] "};
 };
 

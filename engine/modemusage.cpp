@@ -1,12 +1,11 @@
 #include "engine/engine.h"
 
+#include "documents/daemonsonbus.h"
 #include "engine/datausage.h"
+#include "engine/devicekind.h"
+#include "engine/modemdataport.h"
 #include "vocabulary/devicestate.h"
 
-#include <ModemManagerQt/Bearer>
-#include <ModemManagerQt/Manager>
-#include <ModemManagerQt/Modem>
-#include <ModemManagerQt/ModemDevice>
 #include <QDateTime>
 #include <QFile>
 #include <QTextStream>
@@ -25,6 +24,8 @@ quint32 low32(const QVariant& value)
 
 NetworkManager::Device::Ptr connectedModem()
 {
+    if (!isOnBus(Daemon::NetworkManager))
+        return {};
     const auto devices = NetworkManager::networkInterfaces();
     for (const NetworkManager::Device::Ptr& device : devices) {
         if (device->isValid() && device->interfaceName() != QLatin1String("lo")
@@ -35,6 +36,22 @@ NetworkManager::Device::Ptr connectedModem()
 }
 
 } // namespace
+
+void Engine::followModemStats(NetworkManager::Device::Ptr modem)
+{
+    const DeviceKind* kind = DeviceKind::of(modem->type());
+    if (!kind || !kind->countsDataUsage)
+        return;
+    if (mapDeviceState(modem->state()) == Connected) {
+        // Counting starts once the data interface is known, so that even a reading at stop finds it.
+        m_modemDataPort->refresh(modem->udi(), [this, modem] {
+            if (mapDeviceState(modem->state()) == Connected)
+                startMonitorModemStats();
+        });
+    } else {
+        stopMonitorModemStats();
+    }
+}
 
 void Engine::startMonitorModemStats()
 {
@@ -59,6 +76,8 @@ void Engine::updateModemStats()
     if (!device)
         return;
     const ModemReading reading = getModemStats(device.objectCast<NetworkManager::ModemDevice>());
+    // Learnt for the next reading: this one must not wait for ModemManager.
+    m_modemDataPort->refresh(device->udi());
 
     QSettings snapshot(QLatin1String(snapshotPath), QSettings::IniFormat);
     const QDateTime now = QDateTime::currentDateTime();
@@ -87,19 +106,9 @@ void Engine::updateModemStats()
 Engine::ModemReading Engine::getModemStats(NetworkManager::ModemDevice::Ptr device)
 {
     ModemReading reading;
-    if (!device)
+    const QString interface = m_modemDataPort->interface();
+    if (!device || interface.isEmpty())
         return reading;
-    const auto modemDevice = ModemManager::findModemDevice(device->udi());
-    if (!modemDevice)
-        return reading;
-    const auto modem = modemDevice->modemInterface();
-    if (!modem)
-        return reading;
-    const ModemManager::Bearer::List bearers = modem->listBearers();
-    if (bearers.isEmpty())
-        return reading;
-
-    const QString interface = bearers.first()->interface();
     reading.rxBytes = readIntegerFromFile(QStringLiteral("/sys/class/net/%1/statistics/rx_bytes").arg(interface));
     reading.txBytes = readIntegerFromFile(QStringLiteral("/sys/class/net/%1/statistics/tx_bytes").arg(interface));
     return reading;

@@ -1,5 +1,12 @@
 #include "engine/engine.h"
 
+#include "documents/daemonsonbus.h"
+#include "documents/documents.h"
+#include "engine/burstpublisher.h"
+#include "engine/daemonpresence.h"
+#include "engine/devicekind.h"
+#include "engine/devicepublisher.h"
+#include "engine/pendingcall.h"
 #include "vocabulary/devicestate.h"
 #include "vocabulary/valuenames.h"
 
@@ -12,15 +19,11 @@
 #include <NetworkManagerQt/WirelessDevice>
 #include <NetworkManagerQt/WirelessNetwork>
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusPendingReply>
 
 namespace Tarvik {
 
 namespace {
 
-const QString networkManagerService = QStringLiteral("org.freedesktop.NetworkManager");
-const QString modemManagerService = QStringLiteral("org.freedesktop.ModemManager1");
 constexpr int scanIntervalMs = 30000;
 // NetworkManager announces a device before all of its properties are in
 // place; give it a moment before the device is provisioned.
@@ -32,6 +35,7 @@ void Engine::monitorNetwork()
 {
     // Every reconnection of the broker lands here: drop whatever is attached
     // so that each notifier signal ends up with exactly one handler.
+    m_networkManagerLinked = true;
     NetworkManager::settingsNotifier()->disconnect();
     NetworkManager::notifier()->disconnect();
 
@@ -46,6 +50,7 @@ void Engine::monitorNetwork()
 
 void Engine::monitorModemManager()
 {
+    m_modemManagerLinked = true;
     auto* notifier = ModemManager::notifier();
     connect(notifier, &ModemManager::Notifier::serviceDisappeared, this, &Engine::onModemManagerDisappeared);
     connect(notifier, &ModemManager::Notifier::serviceAppeared, this, &Engine::onModemManagerAppeared);
@@ -60,13 +65,62 @@ bool Engine::checkSystemBus()
             qPrintable(bus.lastError().message()));
         return false;
     }
-    if (!bus.interface()->isServiceRegistered(networkManagerService)) {
-        log(Log::Error, "[Network] NetworkManager is not on the system bus. Waiting for it.");
-    }
-    if (!bus.interface()->isServiceRegistered(modemManagerService)) {
-        log(Log::Warning, "[Modem] ModemManager is not on the system bus. Waiting for it.");
-    }
     return true;
+}
+
+// The broker session starts once the bus has said which daemons are there (a
+// millisecond): the first reload then knows what it may read.
+void Engine::startOnceDaemonsKnown()
+{
+    if (m_started || !m_networkManager->isKnown() || !m_modemManager->isKnown())
+        return;
+    m_started = true;
+    m_ipc->connect();
+}
+
+void Engine::onNetworkManagerKnown(bool present)
+{
+    setOnBus(Daemon::NetworkManager, present);
+    if (!present)
+        log(Log::Error, "[Network] NetworkManager is not on the system bus. Waiting for it.");
+    startOnceDaemonsKnown();
+}
+
+void Engine::onNetworkManagerPresenceChanged(bool present)
+{
+    setOnBus(Daemon::NetworkManager, present);
+    if (m_networkManagerLinked)
+        return;
+    if (present)
+        onNetworkManagerAppeared();
+    else
+        onNetworkManagerDisappeared();
+}
+
+void Engine::onModemManagerKnown(bool present)
+{
+    setOnBus(Daemon::ModemManager, present);
+    if (present)
+        monitorModemManager();
+    else
+        log(Log::Warning, "[Modem] ModemManager is not on the system bus. Waiting for it.");
+    startOnceDaemonsKnown();
+}
+
+void Engine::onModemManagerPresenceChanged(bool present)
+{
+    setOnBus(Daemon::ModemManager, present);
+    if (m_modemManagerLinked)
+        return;
+    if (!present) {
+        onModemManagerDisappeared();
+        return;
+    }
+    onModemManagerAppeared();
+    monitorModemManager();
+    // The library has just read the modems that were there before it.
+    for (const ModemManager::ModemDevice::Ptr& modem : ModemManager::modemDevices())
+        reloadModemsLater(modem->uni());
 }
 
 void Engine::onNetworkManagerDisappeared()
@@ -95,6 +149,13 @@ void Engine::onModemManagerAppeared()
 
 void Engine::onModemAdded(const QString& udi)
 {
+    reloadModemsLater(udi);
+}
+
+void Engine::reloadModemsLater(const QString& udi)
+{
+    if (!m_networkManagerLinked || !isOnBus(Daemon::NetworkManager))
+        return;
     // A modem of a returning ModemManager is a new object: the NetworkManager
     // device that refers to it is watched and provisioned afresh.
     for (const NetworkManager::Device::Ptr& device : NetworkManager::networkInterfaces()) {
@@ -116,24 +177,11 @@ void Engine::monitorDevice(NetworkManager::Device::Ptr device)
     connect(device.data(), &NetworkManager::Device::managedChanged, this, &Engine::onDeviceManagedChanged);
     connect(device.data(), &NetworkManager::Device::interfaceNameChanged, this, &Engine::onInterfaceNameChanged);
 
-    switch (device->type()) {
-    case NetworkManager::Device::Ethernet: {
-        // Carrier changes are seen through the state changes that follow them.
-        auto wired = device.objectCast<NetworkManager::WiredDevice>();
-        if (wired) {
-            disconnect(wired.data(), &NetworkManager::WiredDevice::carrierChanged, nullptr, nullptr);
-        }
-        break;
-    }
-    case NetworkManager::Device::Wifi:
-        monitorWirelessDevice(device.objectCast<NetworkManager::WirelessDevice>());
-        break;
-    case NetworkManager::Device::Modem:
-        monitorModemSignal(device.objectCast<NetworkManager::ModemDevice>());
-        break;
-    default:
-        break;
-    }
+    // Carrier changes of a wired device are seen through the state changes that follow them.
+    if (const auto wireless = device.objectCast<NetworkManager::WirelessDevice>())
+        monitorWirelessDevice(wireless);
+    if (const auto modem = device.objectCast<NetworkManager::ModemDevice>())
+        monitorModemSignal(modem);
 }
 
 void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
@@ -166,7 +214,10 @@ void Engine::monitorWirelessDevice(NetworkManager::WirelessDevice::Ptr wireless)
                 }
                 log(Log::Info, "[Wifi] Network '%s' found (dev=%s, signal=%d%%).", qPrintable(network->ssid()),
                     qPrintable(wireless->interfaceName()), network->signalStrength());
-                m_ipc->publishWifiNetworks(wireless);
+                m_bursts->publishLater(wireless->uni(), int(Topic::WifiNetworks), [this, watched] {
+                    if (const auto wireless = watched.toStrongRef())
+                        m_ipc->publish(Topic::WifiNetworks, wifiNetworksDocument(wireless));
+                });
             });
 
     // One scan timer for the whole system: the Wi-Fi device monitored last is
@@ -180,15 +231,15 @@ void Engine::scanWifiNetworks(NetworkManager::WirelessDevice::Ptr wireless)
 {
     const QByteArray type = typeText(wireless->type());
     log(Log::Debug, "[%s] Scanning for  Wifi networks.", type.constData());
-    QDBusPendingReply<> reply = wireless->requestScan(QVariantMap());
-    reply.waitForFinished();
-    if (!reply.isValid()) {
-        log(Log::Info, "[%s] Failed to scan for Wifi networks: %s", type.constData(),
-            qPrintable(reply.error().message()));
-        return;
-    }
-    m_ipc->publishWifiAccessPoints(wireless);
-    m_ipc->publishWifiNetworks(wireless);
+    whenFinished(wireless->requestScan(QVariantMap()), this, [this, wireless, type](const QDBusPendingCall& reply) {
+        if (reply.isError()) {
+            log(Log::Info, "[%s] Failed to scan for Wifi networks: %s", type.constData(),
+                qPrintable(reply.error().message()));
+            return;
+        }
+        m_ipc->publish(Topic::WifiAccessPoints, wifiAccessPointsDocument(wireless));
+        m_ipc->publish(Topic::WifiNetworks, wifiNetworksDocument(wireless));
+    });
 }
 
 void Engine::monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice)
@@ -196,7 +247,8 @@ void Engine::monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice)
     if (!modemDevice) {
         return;
     }
-    auto modem = ModemManager::findModemDevice(modemDevice->udi());
+    auto modem = isOnBus(Daemon::ModemManager) ? ModemManager::findModemDevice(modemDevice->udi())
+                                               : ModemManager::ModemDevice::Ptr();
     ModemManager::Modem::Ptr modemInterface = modem ? modem->modemInterface() : ModemManager::Modem::Ptr();
     if (!modemInterface) {
         log(Log::Warning, "[Modem] No ModemManager modem found for %s (dev=%s). Signal quality not monitored.",
@@ -208,7 +260,9 @@ void Engine::monitorModemSignal(NetworkManager::ModemDevice::Ptr modemDevice)
             [this, modemDevice](ModemManager::SignalQualityPair signalQuality) {
                 log(Log::Info, "[Modem] Signal changed '%u' (dev=%s).", signalQuality.signal,
                     qPrintable(modemDevice->interfaceName()));
-                m_ipc->publishDeviceModemSignal(modemDevice);
+                const QJsonObject document = modemSignalDocument(modemDevice);
+                if (!document.isEmpty())
+                    m_ipc->publish(Topic::ModemSignal, document);
             });
 }
 
@@ -293,15 +347,8 @@ void Engine::onDeviceStateChanged(NetworkManager::Device::State newstate, Networ
     log(Log::Info, "[%s] State changed: %s (dev=%s, reason=%s).", typeText(device->type()).constData(),
         qPrintable(deviceStateToString(state)), qPrintable(device->interfaceName()),
         qPrintable(stateChangeReasonToString(reason)));
-    m_ipc->publishDeviceState(device);
-
-    if (device->type() == NetworkManager::Device::Modem) {
-        if (state == Connected) {
-            startMonitorModemStats();
-        } else {
-            stopMonitorModemStats();
-        }
-    }
+    m_publisher->publishState(device);
+    followModemStats(device);
 }
 
 void Engine::onDeviceManagedChanged()

@@ -156,26 +156,26 @@ bool updateWirelessSettings(const NetworkManager::ConnectionSettings::Ptr& setti
 
 } // namespace
 
-bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
+bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const DeviceRecord& record,
                               ApSecurity security)
 {
     if (!settings) {
         return false;
     }
-    switch (settings->connectionType()) {
-    case NetworkManager::ConnectionSettings::Wired: {
-        const bool changed = updateWiredSettings(*settings, config.ethernet());
-        return updateIpv4Of(settings, config.ethernet().ipv4) || changed;
+    using Type = NetworkManager::ConnectionSettings;
+    const Type::ConnectionType type = settings->connectionType();
+    if (const auto* ethernet = std::get_if<Config::Ethernet>(&record); ethernet && type == Type::Wired) {
+        const bool changed = updateWiredSettings(*settings, *ethernet);
+        return updateIpv4Of(settings, ethernet->ipv4) || changed;
     }
-    case NetworkManager::ConnectionSettings::Gsm: {
-        const bool changed = updateGsmSettings(settings, config.modem());
-        return updateIpv4Of(settings, config.modem().ipv4) || changed;
+    if (const auto* modem = std::get_if<Config::Modem>(&record); modem && type == Type::Gsm) {
+        const bool changed = updateGsmSettings(settings, *modem);
+        return updateIpv4Of(settings, modem->ipv4) || changed;
     }
-    case NetworkManager::ConnectionSettings::Wireless:
-        return updateWirelessSettings(settings, config.wifi(), security);
-    default:
-        return false;
+    if (const auto* wifi = std::get_if<Config::Wifi>(&record); wifi && type == Type::Wireless) {
+        return updateWirelessSettings(settings, *wifi, security);
     }
+    return false;
 }
 
 bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Config::Ipv4Config& ipv4)
@@ -213,14 +213,15 @@ bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Con
     return changed;
 }
 
-bool emptiesStoredSecrets(NetworkManager::ConnectionSettings::Ptr settings, const Config::Modem& modem)
+bool emptiesStoredSecrets(NetworkManager::ConnectionSettings::Ptr settings, const DeviceRecord& record)
 {
-    if (!settings || settings->connectionType() != NetworkManager::ConnectionSettings::Gsm) {
+    const auto* modem = std::get_if<Config::Modem>(&record);
+    if (!modem || !settings || settings->connectionType() != NetworkManager::ConnectionSettings::Gsm) {
         return false;
     }
     const auto gsm = settingOf<NetworkManager::GsmSetting>(settings, NetworkManager::Setting::Gsm);
     return gsm
-        && ((!gsm->password().isEmpty() && modem.password.isEmpty()) || (!gsm->pin().isEmpty() && modem.pin.isEmpty()));
+        && ((!gsm->password().isEmpty() && modem->password.isEmpty()) || (!gsm->pin().isEmpty() && modem->pin.isEmpty()));
 }
 
 UpdateMap updateMapOf(NetworkManager::ConnectionSettings::Ptr settings)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "config/config.h"
+#include "engine/devicerecord.h"
 #include "vocabulary/valuenames.h"
 
 #include <NetworkManagerQt/ConnectionSettings>
@@ -12,10 +12,10 @@
 // here talks to NetworkManager: the objects are compared and changed in memory.
 namespace Tarvik {
 
-// Writes the record of the profile's type into its settings; true when a
+// Writes the record into settings of its own profile type; true when a
 // compared value differed. The name and autoconnect flag of a modem profile
 // are written but do not count as a change.
-bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const Config& config,
+bool updateConnectionSettings(NetworkManager::ConnectionSettings::Ptr settings, const DeviceRecord& record,
                               ApSecurity security);
 
 // Writes one IPv4 record; true when something changed. Every form of the
@@ -24,7 +24,7 @@ bool updateIpv4Configuration(NetworkManager::Ipv4Setting::Ptr setting, const Con
 
 // True when the record empties a modem secret that the profile still holds:
 // an update without the secret keeps the stored one, only clearing removes it.
-bool emptiesStoredSecrets(NetworkManager::ConnectionSettings::Ptr settings, const Config::Modem& modem);
+bool emptiesStoredSecrets(NetworkManager::ConnectionSettings::Ptr settings, const DeviceRecord& record);
 
 // The map an update sends. Every update names the GSM password and PIN, empty
 // when the profile holds none; what that added is remembered so that an update

@@ -156,7 +156,7 @@ void IPC::publish(const QString& topic, const QByteArray& data, int qos, bool re
     log(Log::Debug, "Topic: [%s]", fullTopic.toLocal8Bit().constData());
     log(Log::Debug, "QoS  : %d", qos);
     log(Log::Debug, "Retn : %s", retain ? "true" : "false");
-    log(Log::Debug, "Data : [%s]", data.constData());
+    log.composed(Log::Debug, "Data : [" + data.toStdString() + "]");
     // Nothing is queued here: while the session is down the message is lost.
     m_client->publish(fullTopic, data, qos, retain);
 }
@@ -201,104 +201,6 @@ void IPC::publishNetworkStatus()
 void IPC::publishNetworkInfo()
 {
     publish(Topic::Info, networkInfoDocument());
-}
-
-void IPC::publishDeviceState(NetworkManager::Device::Ptr dev)
-{
-    if (!dev) {
-        return;
-    }
-    switch (dev->type()) {
-    case NetworkManager::Device::Wifi:
-        publishWifiState(dev.objectCast<NetworkManager::WirelessDevice>());
-        break;
-    case NetworkManager::Device::Modem:
-        publishModemState(dev.objectCast<NetworkManager::ModemDevice>());
-        break;
-    case NetworkManager::Device::Ethernet:
-        publishEthernetState(dev.objectCast<NetworkManager::WiredDevice>());
-        break;
-    default:
-        break;
-    }
-}
-
-void IPC::publishDeviceConfig(NetworkManager::Device::Ptr dev)
-{
-    if (!dev) {
-        return;
-    }
-    switch (dev->type()) {
-    case NetworkManager::Device::Wifi:
-        publishWifiConfig(dev.objectCast<NetworkManager::WirelessDevice>());
-        break;
-    case NetworkManager::Device::Modem:
-        publishModemConfig(dev.objectCast<NetworkManager::ModemDevice>());
-        break;
-    case NetworkManager::Device::Ethernet:
-        publishEthernetConfig(dev.objectCast<NetworkManager::WiredDevice>());
-        break;
-    default:
-        break;
-    }
-}
-
-// A failed cast of the routing passes a null device: nothing is published.
-
-void IPC::publishEthernetState(NetworkManager::WiredDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::EthernetState, ethernetStateDocument(dev));
-}
-
-void IPC::publishEthernetConfig(NetworkManager::WiredDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::EthernetConfig, ethernetConfigDocument(dev));
-}
-
-void IPC::publishWifiState(NetworkManager::WirelessDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::WifiState, wifiStateDocument(dev));
-}
-
-void IPC::publishWifiConfig(NetworkManager::WirelessDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::WifiConfig, wifiConfigDocument(dev));
-}
-
-void IPC::publishWifiAccessPoints(NetworkManager::WirelessDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::WifiAccessPoints, wifiAccessPointsDocument(dev));
-}
-
-void IPC::publishWifiNetworks(NetworkManager::WirelessDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::WifiNetworks, wifiNetworksDocument(dev));
-}
-
-void IPC::publishModemState(NetworkManager::ModemDevice::Ptr modem)
-{
-    if (modem)
-        publish(Topic::ModemState, modemStateDocument(modem));
-}
-
-void IPC::publishModemConfig(NetworkManager::ModemDevice::Ptr dev)
-{
-    if (dev)
-        publish(Topic::ModemConfig, modemConfigDocument(dev));
-}
-
-void IPC::publishDeviceModemSignal(NetworkManager::ModemDevice::Ptr modem)
-{
-    // Only a modem that ModemManager knows has a signal to publish.
-    const QJsonObject document = modem ? modemSignalDocument(modem) : QJsonObject();
-    if (!document.isEmpty())
-        publish(Topic::ModemSignal, document);
 }
 
 void IPC::publishModemStats(const QMap<QString, QMap<QString, double> >& stats)

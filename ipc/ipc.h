@@ -7,17 +7,9 @@
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
-#include <QSharedPointer>
 #include <QString>
 
 class QTimer;
-
-namespace NetworkManager {
-class Device;
-class ModemDevice;
-class WiredDevice;
-class WirelessDevice;
-} // namespace NetworkManager
 
 namespace Tarvik {
 
@@ -69,19 +61,7 @@ public slots:
     void disconnect();
     void publishNetworkStatus();
     void publishNetworkInfo();
-    // Route by device type; other types publish nothing.
-    void publishDeviceState(QSharedPointer<NetworkManager::Device> dev);
-    void publishDeviceConfig(QSharedPointer<NetworkManager::Device> dev);
-    void publishEthernetState(QSharedPointer<NetworkManager::WiredDevice> dev);
-    void publishEthernetConfig(QSharedPointer<NetworkManager::WiredDevice> dev);
-    void publishWifiState(QSharedPointer<NetworkManager::WirelessDevice> dev);
-    void publishWifiConfig(QSharedPointer<NetworkManager::WirelessDevice> dev);
-    void publishWifiAccessPoints(QSharedPointer<NetworkManager::WirelessDevice> dev);
-    void publishWifiNetworks(QSharedPointer<NetworkManager::WirelessDevice> dev);
-    void publishModemState(QSharedPointer<NetworkManager::ModemDevice> modem);
     void publishModemStats(const QMap<QString, QMap<QString, double> >& stats);
-    void publishModemConfig(QSharedPointer<NetworkManager::ModemDevice> dev);
-    void publishDeviceModemSignal(QSharedPointer<NetworkManager::ModemDevice> modem);
     void publishError(const QString& command, const QString& error);
 
 private slots:

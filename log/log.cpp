@@ -138,15 +138,33 @@ void print(Level level, const char* format, ...)
     va_end(args);
 }
 
-void print(Level level, const std::string& text)
+namespace {
+
+void write(Level level, const std::string& message)
 {
     const int priority = priorityOf(level);
     const double elapsed = elapsedSeconds();
-    const std::string message = printable(text, maxMessageBytes);
     if (Log_colorEnable)
         syslog(priority, "[%9.03f] %s", elapsed, Log_formatColor(level, message.c_str()).c_str());
     else
         syslog(priority, "[%9.03f] %s", elapsed, message.c_str());
+}
+
+} // namespace
+
+void print(Level level, const std::string& text)
+{
+    write(level, printable(text, maxMessageBytes));
+}
+
+void printComposed(Level level, const std::string& text)
+{
+    if (!(setlogmask(0) & LOG_MASK(priorityOf(level))))
+        return;
+    if (text.size() <= maxMessageBytes)
+        write(level, text);
+    else
+        write(level, text.substr(0, maxMessageBytes) + cutMark);
 }
 
 void error(const char* format, ...)

@@ -22,6 +22,9 @@ void setLevel(Level level);
 void vprint(Level level, const char* format, va_list args);
 void print(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void print(Level level, const std::string& text);
+// Text that tarvik composed itself (a document it publishes): its line breaks are its own and are written as
+// they stand; anything a client could have put into it is already escaped. Cut like every message.
+void printComposed(Level level, const std::string& text);
 
 // Text from clients and daemons as it may appear in a message: control
 // characters escaped ("\n", "\x1b"), cut after maxBytes with "..." added.

@@ -21,6 +21,12 @@ void TaggedLog::operator()(Log::Level level, const char* format, ...) const
     va_end(args);
 }
 
+void TaggedLog::composed(Log::Level level, const std::string& text) const
+{
+    if (m_enabled)
+        Log::printComposed(level, m_tag + text);
+}
+
 void TaggedLog::setEnabled(bool enabled)
 {
     m_enabled = enabled;

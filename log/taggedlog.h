@@ -13,6 +13,8 @@ public:
     explicit TaggedLog(const char* tag);
 
     void operator()(Log::Level level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+    // Text the class composed itself, line breaks and all (see Log::printComposed).
+    void composed(Log::Level level, const std::string& text) const;
     void setEnabled(bool enabled);
 
 private:

@@ -6,6 +6,7 @@ import threading
 import time
 
 DEFAULT_BASE = 'tolv/network'
+DEVICE_KINDS = ('ethernet', 'wifi', 'modem')
 
 class Message:
     def __init__(self, topic, payload, qos, retain):
@@ -40,6 +41,9 @@ class MqttClient:
         self.base = base
         self.received = []
         self._returned = set()
+        self._hidden = set()
+        # (kind, interface) of every device whose state this client has seen; sync waits for their work.
+        self.devices = set()
         self._cond = threading.Condition()
         self._connected = None
         self._subacks = {}
@@ -70,9 +74,16 @@ class MqttClient:
     def _on_message(self, client, userdata, msg):
         for observe in self.observers:
             observe(self, 'received', msg.topic, bytes(msg.payload), msg.qos, bool(msg.retain))
+        message = Message(msg.topic, bytes(msg.payload), msg.qos, bool(msg.retain))
         with self._cond:
-            self.received.append(Message(msg.topic, bytes(msg.payload), msg.qos, bool(msg.retain)))
+            self.received.append(message)
+            self._note_device(message)
             self._cond.notify_all()
+
+    def _note_device(self, msg):
+        for kind in DEVICE_KINDS:
+            if msg.topic == self.topic(f'{kind}/state') and msg.payload:
+                self.devices.add((kind, msg.json.get('interface')))
 
     def connect(self, timeout=10):
         self.client.connect(self.host, self.port, keepalive=60)
@@ -103,19 +114,23 @@ class MqttClient:
                 raise TimeoutError(f'no SUBACK for {topic_filter}')
             return self._subacks[mid][0]
 
-    def publish(self, topic, payload=b'', qos=0, retain=False, timeout=10):
+    def publish(self, topic, payload=b'', qos=0, retain=False, timeout=10, wait=True):
+        '''Publishes and waits until the broker has the message; wait=False queues it and returns, so that a
+        series of messages leaves as one burst.'''
         for observe in self.observers:
             observe(self, 'sent', topic, payload, qos, retain)
         if isinstance(payload, (dict, list)):
             payload = json.dumps(payload)
         info = self.client.publish(topic, payload, qos, retain)
+        if not wait:
+            return
         info.wait_for_publish(timeout)
         if not info.is_published():
             raise TimeoutError(f'publish on {topic} not completed')
 
-    def command(self, name, payload=None, qos=2):
+    def command(self, name, payload=None, qos=2, wait=True):
         '''Publishes a command on base + "/" + name (a dict becomes JSON; bytes and text go as they are).'''
-        self.publish(f'{self.base}/{name}', b'{}' if payload is None else payload, qos)
+        self.publish(f'{self.base}/{name}', b'{}' if payload is None else payload, qos, wait=wait)
 
     def topic(self, name):
         return f'{self.base}/{name}'
@@ -130,7 +145,8 @@ class MqttClient:
         wait_for returned, in arrival order since the last clear().'''
         def find():
             for index, msg in enumerate(self.received):
-                if index not in self._returned and self._matches(msg, topic, predicate):
+                if index not in self._returned and id(msg) not in self._hidden \
+                        and self._matches(msg, topic, predicate):
                     self._returned.add(index)
                     return msg
             return None
@@ -142,18 +158,37 @@ class MqttClient:
         return msg
 
     def sync(self, timeout=10):
-        '''Returns once everything tarvik published before now has arrived.
+        '''Returns once everything tarvik published before now has arrived and the work it had queued for each
+        device this client has seen is done.
 
-        tarvik handles one thing at a time: the answer to a command comes after every publication it made
-        before reading the command. No reload may be under way: its own "info" would pass for the answer;
+        The answer to "info/get" comes after every publication made before the command was read; work on a
+        device runs in the device's own order, so the answer to a configuration request comes after that
+        device's earlier work (no event publishes that document). Those answers are the sync's own: messages()
+        and wait_for() leave them out. No reload may be under way: its own documents would pass for the answers;
         nor may a retained copy, which a subscription made just before delivers late.'''
         sent = time.monotonic()
+        devices = sorted(self.devices)
+        for kind, interface in devices:
+            self.command(f'{kind}/config/get', {'interface': interface})
         self.command('info/get', {})
         self.wait_for(self.topic('info'), timeout, predicate=lambda m: m.time >= sent and not m.retain)
+        for kind, interface in devices:
+            self._hide(self.wait_for(self.topic('#'), timeout, predicate=lambda m, k=kind, i=interface:
+                                     m.time >= sent and self._answers_config_request(m, k, i)))
+
+    def _answers_config_request(self, msg, kind, interface):
+        if msg.topic == self.topic(f'{kind}/config'):
+            return msg.json.get('interface') == interface
+        # A device that has gone since, or whose secrets cannot be read, is answered with an error.
+        return msg.topic == self.topic('error') and msg.json.get('command') == f'{kind}/config/get'
+
+    def _hide(self, msg):
+        with self._cond:
+            self._hidden.add(id(msg))
 
     def messages(self, topic=None):
         with self._cond:
-            return [m for m in self.received if self._matches(m, topic, None)]
+            return [m for m in self.received if id(m) not in self._hidden and self._matches(m, topic, None)]
 
     def count(self, topic):
         return len(self.messages(topic))
@@ -162,3 +197,4 @@ class MqttClient:
         with self._cond:
             self.received.clear()
             self._returned.clear()
+            self._hidden.clear()

@@ -11,6 +11,10 @@ NO_WIFI = {"Wifi": {"ssid": ""}}
 
 STAMP = re.compile(r"\[\s*(\d+\.\d+)\] ")
 
+DEVICE = "org.freedesktop.NetworkManager.Device"
+# The device types tarvik publishes documents for (NetworkManager's numbers), by their name in topics.
+KINDS = {1: "ethernet", 2: "wifi", 8: "modem"}
+
 
 def start(world, mqtt, config=None, extra_args=(), level="2"):
     """Starts tarvik and returns once its first reload has run to its end.
@@ -19,10 +23,20 @@ def start(world, mqtt, config=None, extra_args=(), level="2"):
     failure shows the engine's own lines."""
     tarvik = world.tarvik(config=NO_WIFI if config is None else config, extra_args=["-v", level, *extra_args])
     tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.", timeout=15)
-    # The reload's own "info" must not pass for the answer that sync waits for.
+    # The reload's own documents must not pass for the answers that sync waits for.
     mqtt.wait_for(mqtt.topic("info"))
+    for kind, interface in published_devices(world):
+        mqtt.wait_for(mqtt.topic(f"{kind}/config"), 15, predicate=lambda m, i=interface: m.json["interface"] == i)
     mqtt.sync()
     return tarvik
+
+
+def published_devices(world):
+    """(kind, interface) of each device of the simulated NetworkManager that tarvik publishes documents for."""
+    for path in world.nm.manager_property("Devices"):
+        kind = KINDS.get(int(world.nm.get(path, DEVICE, "DeviceType")))
+        if kind:
+            yield kind, str(world.nm.get(path, DEVICE, "Interface"))
 
 
 def published(mqtt, topic, since):

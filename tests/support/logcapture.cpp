@@ -35,8 +35,13 @@ QStringList LogCapture::messages() const
 {
     static const QRegularExpression prefix(QStringLiteral("^[^\\[]*: \\[\\s*-?\\d+\\.\\d{3}\\] "));
     QStringList result;
-    for (QString line : QString::fromLocal8Bit(text()).split('\n', Qt::SkipEmptyParts))
-        result << line.remove(prefix);
+    for (QString line : QString::fromLocal8Bit(text()).split('\n', Qt::SkipEmptyParts)) {
+        // A line without the prefix continues a multi-line message (a logged document).
+        if (line.contains(prefix) || result.isEmpty())
+            result << line.remove(prefix);
+        else
+            result.last() += '\n' + line;
+    }
     return result;
 }
 
