@@ -73,6 +73,7 @@ Options parseCommandLine(const QCoreApplication& app, const QString& defaultConf
 
 int main(int argc, char** argv)
 {
+    StopSignals::block();
     QCoreApplication::setOrganizationName(QStringLiteral("TOLV"));
     QCoreApplication::setOrganizationDomain(QStringLiteral("tolv.io"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TARVIK_VERSION));

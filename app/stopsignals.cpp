@@ -6,14 +6,31 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-StopSignals::StopSignals(QObject* parent)
-    : QObject(parent)
+namespace {
+
+sigset_t stoppingSignals()
 {
     sigset_t stopping;
     sigemptyset(&stopping);
     sigaddset(&stopping, SIGTERM);
     sigaddset(&stopping, SIGINT);
+    return stopping;
+}
+
+} // namespace
+
+void StopSignals::block()
+{
+    const sigset_t stopping = stoppingSignals();
     pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+}
+
+StopSignals::StopSignals(QObject* parent)
+    : QObject(parent)
+{
+    block();
+    const sigset_t stopping = stoppingSignals();
+    // A signal that came while blocked is pending and is read from here like any later one.
     m_fd = signalfd(-1, &stopping, SFD_NONBLOCK | SFD_CLOEXEC);
     if (m_fd >= 0) {
         m_notifier = new QSocketNotifier(m_fd, QSocketNotifier::Read, this);

@@ -12,8 +12,11 @@ class StopSignals : public QObject
     Q_OBJECT
 
 public:
-    // Blocks the two signals in this thread and every thread started after
-    // it: construct before anything else starts threads.
+    // Blocks the two signals in this thread and every thread started after it. Called first thing in
+    // main: a stop that comes while the service is still starting then waits for the event loop.
+    static void block();
+
+    // Blocks the signals too: construct before anything else starts threads.
     explicit StopSignals(QObject* parent = nullptr);
     ~StopSignals() override;
 

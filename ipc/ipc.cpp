@@ -64,6 +64,7 @@ void IPC::connect()
     QObject::connect(m_client, &MqttClient::stateChanged, this, &IPC::onMqttStateChanged);
     QObject::connect(m_client, &MqttClient::messageReceived, this, &IPC::onMqttMessage);
     QObject::connect(m_client, &MqttClient::errorChanged, this, &IPC::onMqttErrorChanged);
+    QObject::connect(m_client, &MqttClient::hostLookupFailed, this, &IPC::onBrokerHostLookupFailed);
 
     QTimer* oldTimer = m_connectTimer;
     m_connectTimer = new QTimer(this);
@@ -118,6 +119,12 @@ void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
 void IPC::onMqttErrorChanged(Tarvik::MqttError::Code err)
 {
     log(Log::Error, "ERROR: %s (%d).", mqttErrorToString(err).toLocal8Bit().constData(), static_cast<int>(err));
+}
+
+void IPC::onBrokerHostLookupFailed(const QString& hostname, const QString& reason)
+{
+    log(Log::Error, "ERROR: Could not resolve broker host '%s': %s.", hostname.toLocal8Bit().constData(),
+        reason.toLocal8Bit().constData());
 }
 
 void IPC::onMqttMessage(const QByteArray& message, const QString& topic)

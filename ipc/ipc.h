@@ -67,6 +67,7 @@ public slots:
 private slots:
     void onMqttStateChanged(Tarvik::MqttClient::ClientState state);
     void onMqttErrorChanged(Tarvik::MqttError::Code err);
+    void onBrokerHostLookupFailed(const QString& hostname, const QString& reason);
     void onMqttMessage(const QByteArray& message, const QString& topic = QString());
     void onConnectTimeout();
 

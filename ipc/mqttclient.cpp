@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <mosquitto.h>
 
+#include <QHostInfo>
 #include <QMetaObject>
 #include <QPointer>
 #include <QSocketNotifier>
@@ -10,8 +11,6 @@
 #include <QVector>
 
 #include <mutex>
-#include <netdb.h>
-#include <sys/socket.h>
 
 namespace Tarvik {
 
@@ -23,26 +22,16 @@ void initLibrary()
     std::call_once(once, [] { mosquitto_lib_init(); });
 }
 
-// The numeric form of one of the addresses a name resolves to, or the name
-// itself when it does not resolve (the library then reports why).
-QByteArray addressOf(const QString& hostname, int attempt)
+// The numeric form of one of the addresses a name resolved to, taken in turn by attempt.
+QByteArray addressOf(const QHostInfo& found, int attempt)
 {
-    const QByteArray name = hostname.toUtf8();
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(name.constData(), nullptr, &hints, &found) != 0)
-        return name;
     QList<QByteArray> addresses;
-    for (const addrinfo* entry = found; entry; entry = entry->ai_next) {
-        char text[NI_MAXHOST];
-        if (getnameinfo(entry->ai_addr, entry->ai_addrlen, text, sizeof(text), nullptr, 0, NI_NUMERICHOST) == 0
-            && !addresses.contains(text))
+    for (const QHostAddress& address : found.addresses()) {
+        const QByteArray text = address.toString().toUtf8();
+        if (!addresses.contains(text))
             addresses.append(text);
     }
-    freeaddrinfo(found);
-    return addresses.isEmpty() ? name : addresses.at(attempt % addresses.size());
+    return addresses.isEmpty() ? QByteArray() : addresses.at(attempt % addresses.size());
 }
 
 MqttClient::ClientError errorFromConnack(int code)
@@ -101,6 +90,7 @@ struct MqttClient::Private {
 
     QString hostname;
     int attempt = 0;
+    int lookupId = -1;
     quint16 port = 1883;
     QString username;
     QString password;
@@ -124,6 +114,10 @@ struct MqttClient::Private {
     void onWritable();
     void onHousekeeping();
     void releaseBurstMemory();
+
+    void onHostFound(const QHostInfo& found);
+    void abortLookup();
+    void failSoon(ClientError e);
 
     void queueState(ClientState s) { events.append({Event::State, s, {}, {}}); }
     void queueError(ClientError e) { events.append({Event::Error, e, {}, {}}); }
@@ -426,21 +420,49 @@ void MqttClient::connectToHost()
     if (d->state != Connecting)
         return;
 
-    const QByteArray host = addressOf(d->hostname, d->attempt);
-    const int rc = mosquitto_connect_async(d->mosq, host.constData(), d->port, d->keepAlive);
+    // The name is looked up away from the loop: a slow resolver must not hold up the service.
+    d->lookupId = QHostInfo::lookupHost(d->hostname, this, [this](const QHostInfo& found) { d->onHostFound(found); });
+}
+
+void MqttClient::Private::onHostFound(const QHostInfo& found)
+{
+    if (found.lookupId() != lookupId || state != Connecting)
+        return;
+    lookupId = -1;
+    if (found.error() != QHostInfo::NoError || found.addresses().isEmpty()) {
+        destroyHandle();
+        queueState(Disconnected);
+        emit q->hostLookupFailed(hostname, found.errorString());
+        flush();
+        return;
+    }
+    const QByteArray host = addressOf(found, attempt);
+    const int rc = mosquitto_connect_async(mosq, host.constData(), port, keepAlive);
     if (rc == MOSQ_ERR_SUCCESS) {
-        d->syncNotifiers();
+        syncNotifiers();
         return;
     }
     // A refused loopback connect fails right here and no callback follows.
-    // Report it from the event loop, as any other failure would be.
-    d->queueError(errorFromLibrary(rc));
-    d->queueState(Disconnected);
-    QPointer<MqttClient> guard(this);
-    QMetaObject::invokeMethod(this, [this, guard] {
+    failSoon(errorFromLibrary(rc));
+}
+
+void MqttClient::Private::failSoon(ClientError e)
+{
+    queueError(e);
+    queueState(Disconnected);
+    QPointer<MqttClient> guard(q);
+    QMetaObject::invokeMethod(q, [this, guard] {
         if (guard)
-            d->flush();
+            flush();
     }, Qt::QueuedConnection);
+}
+
+void MqttClient::Private::abortLookup()
+{
+    if (lookupId < 0)
+        return;
+    QHostInfo::abortHostLookup(lookupId);
+    lookupId = -1;
 }
 
 void MqttClient::disconnectFromHost()
@@ -453,6 +475,7 @@ void MqttClient::disconnectFromHost()
         return;
     }
     // No session to end politely: just drop the connection attempt.
+    d->abortLookup();
     d->destroyHandle();
     d->queueState(Disconnected);
     d->flush();
@@ -462,6 +485,7 @@ void MqttClient::closeTransport()
 {
     if (d->state == Disconnected)
         return;
+    d->abortLookup();
     d->destroyHandle();
     d->queueError(MqttError::TransportInvalid);
     d->queueState(Disconnected);

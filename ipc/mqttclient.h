@@ -63,6 +63,8 @@ public:
 signals:
     void stateChanged(Tarvik::MqttClient::ClientState state);
     void errorChanged(Tarvik::MqttError::Code error);
+    // The broker's name did not resolve; the attempt ends without an errorChanged.
+    void hostLookupFailed(const QString& hostname, const QString& reason);
     void messageReceived(const QByteArray& message, const QString& topic);
 
 private:

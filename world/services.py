@@ -37,15 +37,16 @@ BUS_CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
     <allow receive_sender="*"/>
   </policy>
   <limit name="reply_timeout">60000</limit>
-</busconfig>
+{service_dir}</busconfig>
 '''
 
 
 class Bus:
     '''A private dbus-daemon of type system on a path socket.'''
 
-    def __init__(self, directory):
+    def __init__(self, directory, service_dir=None):
         self.directory = directory
+        self.service_dir = service_dir
         self.socket = os.path.join(directory, 'system_bus_socket')
         self.config_file = os.path.join(directory, 'system-bus.conf')
         self.proc = None
@@ -54,7 +55,8 @@ class Bus:
 
     def start(self, timeout=10):
         with open(self.config_file, 'w') as f:
-            f.write(BUS_CONFIG.format(socket=self.socket))
+            f.write(BUS_CONFIG.format(socket=self.socket, service_dir=f'  <servicedir>{self.service_dir}</servicedir>\n'
+                                      if self.service_dir else ''))
         self.proc = spawn(['dbus-daemon', f'--config-file={self.config_file}', '--nofork', '--print-address'],
                           stdout=subprocess.PIPE, stderr=open(os.path.join(self.directory, 'dbus-daemon.log'), 'wb'),
                           stdin=subprocess.DEVNULL)
@@ -140,9 +142,52 @@ class MockService:
         self.proc = None
 
 
+class SlowAnswers:
+    '''Late and missing answers, for both simulated daemons.'''
+
+    def delay(self, method, seconds, count=-1, path=''):
+        '''The next count calls of method (any of the daemon's methods, Get and GetAll included; on the
+        object path, or any when empty) are answered after seconds, or never when seconds is None;
+        count -1 until clear_delays().'''
+        self.mock.Delay(method, path, -1.0 if seconds is None else float(seconds), count)
+
+    def clear_delays(self):
+        self.mock.ClearDelays()
+
+
+class NeverStartingService:
+    '''A bus name the bus can activate whose program never takes it, as ModemManager installed but masked or
+    skipped: the bus waits for it until its activation timeout. Every launch is counted.'''
+
+    def __init__(self, directory, name):
+        self.service_dir = os.path.join(directory, 'services')
+        self.launch_file = os.path.join(directory, name + '.launches')
+        os.makedirs(self.service_dir, exist_ok=True)
+        program = os.path.join(directory, name + '-never-starts')
+        with open(program, 'w') as f:
+            f.write(f'#!/bin/sh\necho $$ >> {self.launch_file}\nexec sleep 600\n')
+        os.chmod(program, 0o755)
+        with open(os.path.join(self.service_dir, name + '.service'), 'w') as f:
+            f.write(f'[D-BUS Service]\nName={name}\nExec={program}\n')
+
+    def launches(self):
+        try:
+            with open(self.launch_file) as f:
+                return [int(line) for line in f if line.strip()]
+        except OSError:
+            return []
+
+    def stop(self):
+        for pid in self.launches():
+            try:
+                os.kill(pid, 9)
+            except OSError:
+                pass
+
+
 # ---------------------------------------------------------------- NetworkManager
 
-class NetworkManager:
+class NetworkManager(SlowAnswers):
     '''Steers the simulated NetworkManager (w.nm).'''
 
     def __init__(self, bus):
@@ -189,6 +234,17 @@ class NetworkManager:
         bssid = bssid or 'AA:BB:CC:DD:EE:%02X' % self._macs
         return str(self.mock.AddAccessPoint(device, dbus.ByteArray(data), bssid, dbus.Byte(strength),
                                             frequency, max_bitrate, mode, flags, wpa, rsn))
+
+    def add_access_points(self, device, networks):
+        '''Many access points found in one scan, announced back to back in one call: networks are
+        (ssid, security) pairs (security as for add_access_point). Returns their paths.'''
+        found = []
+        for ssid, security in networks:
+            self._macs += 1
+            flags, wpa, rsn = AP_SECURITY[security]
+            found.append((dbus.ByteArray(ssid.encode()), '02:AB:%02X:%02X:%02X:%02X' % tuple(
+                self._macs.to_bytes(4, 'big')), dbus.Byte(40 + self._macs % 60), flags, wpa, rsn))
+        return [str(p) for p in self.mock.AddAccessPoints(device, dbus.Array(found, signature='(aysyuuu)'))]
 
     def remove_access_point(self, device, ap):
         self.mock.RemoveAccessPoint(device, ap)
@@ -341,7 +397,7 @@ class NetworkManager:
 
 # ---------------------------------------------------------------- ModemManager
 
-class ModemManager:
+class ModemManager(SlowAnswers):
     '''Steers the simulated ModemManager (w.mm).'''
 
     MODEM_IFACE = 'org.freedesktop.ModemManager1.Modem'

@@ -25,7 +25,7 @@ from dbusvalues import dbus_props, dbus_settings, ip4_to_u32, plain, u32_to_ip4
 from mqttclient import DEFAULT_BASE, Message, MqttClient
 from processes import group_members, install_termination_handler, kill_group, spawn, wait_until
 from profiles import AP_SECURITY, ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
-from services import MM_BUS, NM_BUS, Bus, MockService, ModemManager, NetworkManager
+from services import MM_BUS, NM_BUS, Bus, MockService, ModemManager, NetworkManager, NeverStartingService
 from tarvikprocess import SyslogRecord, Tarvik, config_keys, config_text, under_tmp
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -59,14 +59,17 @@ class World:
     '''Bus, NetworkManager, ModemManager and broker for one test (or module, or demo run).'''
 
     def __init__(self, directory=None, broker_users=None, broker_port=None, nm_parameters=None,
-                 base=DEFAULT_BASE, keep=None, service_logs=True):
+                 base=DEFAULT_BASE, keep=None, service_logs=True, modemmanager='simulated'):
+        '''modemmanager: "simulated", or "never-starts" (activatable on the bus, never taking its name).'''
         self._own_directory = directory is None
         self.directory = directory or tempfile.mkdtemp(prefix='tarvik-world-', dir=world_parent_directory())
         os.makedirs(self.directory, exist_ok=True)
         os.chmod(self.directory, 0o755)
         self.keep = bool(os.environ.get('TARVIK_KEEP_WORLD')) if keep is None else keep
         self.base = base
-        self.bus = Bus(self.directory)
+        self.never_starting_mm = (NeverStartingService(self.directory, MM_BUS)
+                                  if modemmanager == 'never-starts' else None)
+        self.bus = Bus(self.directory, self.never_starting_mm and self.never_starting_mm.service_dir)
         self.broker = Broker(self.directory, broker_port, broker_users)
         self.nm_parameters = nm_parameters or {}
         self.service_logs = service_logs
@@ -102,13 +105,19 @@ class World:
             os.path.join(self.directory, 'networkmanager.log'),
             ('/org/freedesktop/NetworkManager', 'org.freedesktop.DBus.Properties', 'Get',
              ['org.freedesktop.NetworkManager', 'Version']), self.nm_parameters, self.service_logs)
-        self.mm_service = self.modemmanager_service()
         self.nm_service.launch()
-        self.mm_service.launch()
+        if not self.never_starting_mm:
+            self.mm_service = self.modemmanager_service()
+            self.mm_service.launch()
         self.nm_service.wait_ready()
-        self.mm_service.wait_ready()
         self.nm = NetworkManager(self.bus)
-        self.mm = ModemManager(self.bus)
+        if self.mm_service:
+            self.mm_service.wait_ready()
+            self.mm = ModemManager(self.bus)
+
+    def modemmanager_activations(self):
+        '''How often the bus tried to start the never-starting ModemManager.'''
+        return len(self.never_starting_mm.launches())
 
     def modemmanager_service(self):
         '''The simulated ModemManager for this world's bus (not yet launched).'''
@@ -174,6 +183,8 @@ class World:
             if service is not None:
                 service.stop()
         self.bus.stop()
+        if self.never_starting_mm:
+            self.never_starting_mm.stop()
         if remove is None:
             remove = not self.keep
         if remove and self._own_directory:

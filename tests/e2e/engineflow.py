@@ -3,7 +3,7 @@
 import os
 import re
 
-from world import config_keys, u32_to_ip4
+from world import config_keys, u32_to_ip4, wait_until
 
 # A Wi-Fi record that names no network: the Wi-Fi device is watched and
 # published, but no profile is looked at.
@@ -23,10 +23,13 @@ def start(world, mqtt, config=None, extra_args=(), level="2"):
     failure shows the engine's own lines."""
     tarvik = world.tarvik(config=NO_WIFI if config is None else config, extra_args=["-v", level, *extra_args])
     tarvik.wait_for_log(r"\[Engine\] Reloading all devices and connections\.", timeout=15)
-    # The reload's own documents must not pass for the answers that sync waits for.
+    # The reload's own documents must not pass for the answers that sync waits for; they stay for the
+    # test to read.
     mqtt.wait_for(mqtt.topic("info"))
     for kind, interface in published_devices(world):
-        mqtt.wait_for(mqtt.topic(f"{kind}/config"), 15, predicate=lambda m, i=interface: m.json["interface"] == i)
+        wait_until(lambda k=kind, i=interface: any(m.json.get("interface") == i
+                                                   for m in mqtt.messages(mqtt.topic(f"{k}/config"))),
+                   15, f"the {kind}/config document of {interface}")
     mqtt.sync()
     return tarvik
 

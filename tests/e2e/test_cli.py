@@ -128,3 +128,11 @@ def test_levels_reaching_stderr_and_syslog(world, verbosity, shown):
         assert {(level, record.facility, record.priority) for level, (marker, _) in LEVEL_MARKERS.items()
                 for record in tarvik.syslog_records if marker in record.message} == {
             (level, 17, LEVEL_MARKERS[level][1]) for level in shown}
+
+
+# A stop that comes while tarvik is still starting waits for the event loop and ends as cleanly as a later one.
+def test_a_stop_right_after_the_banner_ends_with_status_0(world):
+    for _ in range(10):
+        tarvik = world.tarvik()
+        wait_until(lambda: tarvik.stdout_lines, 10, "the banner")
+        assert tarvik.stop() == 0

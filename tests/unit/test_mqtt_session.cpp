@@ -57,6 +57,8 @@ private slots:
     {
         qRegisterMetaType<MqttClient::ClientState>();
         qRegisterMetaType<MqttClient::ClientError>();
+        // A machine whose name servers are out of reach must still fail a lookup within the deadline.
+        qputenv("RES_OPTIONS", "timeout:1 attempts:1");
         Log::open("test_mqtt_session", true, false);
         Log::setLevel(Log::Debug);
         QVERIFY(m_dir.isValid());
@@ -155,6 +157,19 @@ private slots:
             "[IPC] Disconnected."}));
     }
 
+    // The name is looked up away from the loop, and a failed lookup says so.
+    void logsABrokerHostThatDoesNotResolve()
+    {
+        IPC* ipc = startIpc(m_broker.port(), QString(), QString(), "broker.invalid");
+        QVERIFY(QSignalSpy(ipc, &IPC::disconnected).wait(Deadline));
+        const QStringList lines = ipcLines();
+        QCOMPARE(lines.size(), 3);
+        QCOMPARE(lines.at(0), QString("[IPC] Connecting to broker.invalid:%1").arg(m_broker.port()));
+        QVERIFY2(lines.at(1).startsWith("[IPC] ERROR: Could not resolve broker host 'broker.invalid': "),
+            qPrintable(lines.at(1)));
+        QCOMPARE(lines.at(2), QString("[IPC] Disconnected."));
+    }
+
     // A broker that accepts TCP and never answers is given up after ten
     // seconds and tried again three seconds later.
     void abandonsASilentBrokerAndRetries()
@@ -190,9 +205,10 @@ private slots:
 
 private:
     // The service's session with these broker settings, started; its log captured from now on.
-    IPC* startIpc(quint16 port, const QString& user = QString(), const QString& pass = QString())
+    IPC* startIpc(quint16 port, const QString& user = QString(), const QString& pass = QString(),
+        const QString& host = "127.0.0.1")
     {
-        m_config->setMqtt({"127.0.0.1", port, user, pass, "tolv/network"});
+        m_config->setMqtt({host, port, user, pass, "tolv/network"});
         if (!m_log)
             m_log = std::make_unique<LogCapture>();
         m_ipc.push_back(std::make_unique<IPC>(m_config, nullptr));

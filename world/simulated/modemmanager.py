@@ -14,7 +14,7 @@ from dbusmock import MOCK_IFACE
 from . import mockbus
 from .mockbus import OBJECT_MANAGER_IFACE, add_object, emit_object_added, emit_object_removed, obj, \
     set_props, strings, u32
-from .mockbus import SetProperties  # noqa: F401  (served by the template, see __all__)
+from .mockbus import ClearDelays, Delay, SetProperties  # noqa: F401  (served by the template, see __all__)
 
 MM = 'org.freedesktop.ModemManager1'
 ROOT_OBJ = '/org/freedesktop/ModemManager1'

@@ -4,7 +4,7 @@ calls them). The template imports every one of them, because dbusmock serves wha
 import dbus
 from dbusmock import MOCK_IFACE
 
-from ..mockbus import SetProperties, obj  # noqa: F401  (served by the template, see __all__)
+from ..mockbus import ClearDelays, Delay, SetProperties, obj  # noqa: F401  (served by the template, see __all__)
 from . import accesspoints, activation, devices, ipconfig, profiles
 from .state import W, calls_json
 
@@ -43,6 +43,15 @@ def AddAccessPoint(self, device, ssid, bssid, strength, frequency, max_bitrate, 
     '''An access point seen by a wireless device (AccessPointAdded); returns its path.'''
     return accesspoints.add_access_point(devices.require_device(device), ssid, bssid, strength, frequency,
                                          max_bitrate, mode, flags, wpa, rsn)
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='sa(aysyuuu)', out_signature='as')
+def AddAccessPoints(self, device, networks):
+    '''Access points (ssid, bssid, strength, flags, wpa, rsn) found in one scan, announced back to back;
+    returns their paths.'''
+    device = devices.require_device(device)
+    return [accesspoints.add_access_point(device, ssid, bssid, strength, 2412, 54000, 2, flags, wpa, rsn)
+            for ssid, bssid, strength, flags, wpa, rsn in networks]
 
 
 @dbus.service.method(MOCK_IFACE, in_signature='ss', out_signature='')
