@@ -11,6 +11,7 @@ import queue
 import statistics
 import subprocess
 import sys
+import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -95,6 +96,33 @@ def measure_round_trip(world, requests):
     return tarvik_ms, echo_ms
 
 
+def measure_beside_slow_secrets(world, requests, secrets_seconds=0.2):
+    '''status/get round trips while a second client asks for the Wi-Fi configuration over and over, each
+    answer waiting for secrets the daemon hands out late.'''
+    world.nm.delay('GetSecrets', secrets_seconds)
+    stop = threading.Event()
+    asked = [0]
+
+    def ask_for_configuration():
+        client = Exchange(world.broker.port, f'{world.base}/wifi/config/get', f'{world.base}/wifi/config')
+        while not stop.is_set():
+            client.round_trips(1, timeout=10)
+            asked[0] += 1
+        client.close()
+    loop = threading.Thread(target=ask_for_configuration, daemon=True)
+    loop.start()
+    try:
+        tarvik = Exchange(world.broker.port, f'{world.base}/status/get', f'{world.base}/status')
+        tarvik.round_trips(50)
+        samples = tarvik.round_trips(requests)
+        tarvik.close()
+    finally:
+        stop.set()
+        loop.join(15)
+        world.nm.clear_delays()
+    return samples, asked[0]
+
+
 def measure_throughput(world, burst, quiet_seconds=10.0):
     client = MqttClient(world.broker.port, base='')
     client.connect()
@@ -141,6 +169,7 @@ def main():
         rss_idle = vm_rss_kib(tarvik.proc.pid)
 
         tarvik_ms, echo_ms = measure_round_trip(world, options.requests)
+        slow_ms, configurations = measure_beside_slow_secrets(world, options.requests)
         received, lost, rate = measure_throughput(world, options.burst)
         # Idle again: the client hands burst memory back on its quiet housekeeping ticks (one a second).
         time.sleep(4)
@@ -155,11 +184,15 @@ def main():
     print(f'  tarvik         p50 {p50:7.3f} ms   p99 {p99:7.3f} ms   mean {statistics.mean(tarvik_ms):7.3f} ms')
     print(f'  echo responder p50 {e50:7.3f} ms   p99 {e99:7.3f} ms   mean {statistics.mean(echo_ms):7.3f} ms')
     print(f'  ratio          p50 {p50 / e50:7.2f}      p99 {p99 / e99:7.2f}      (targets: <= 1.5, <= 2.0)')
+    s50, s99 = percentile(slow_ms, 0.50), percentile(slow_ms, 0.99)
+    print(f'beside {configurations} wifi/config/get whose secrets take 200 ms each:')
+    print(f'  tarvik         p50 {s50:7.3f} ms   p99 {s99:7.3f} ms   ratio of p99 to idle {s99 / p99:5.2f} '
+          f'(target: <= 1.5)')
     print(f'throughput: {options.burst} info/get sent, {received} replies, {lost} lost, {rate:.0f} replies/s '
           f'(target: 0 lost)')
     print(f'memory: VmRSS idle {rss_idle / 1024:.1f} MB, after the burst {rss_after / 1024:.1f} MB, '
           f'growth {(rss_after - rss_idle) / 1024:.2f} MB (targets: <= 16 MB, growth <= 1 MB)')
-    ok = p50 / e50 <= 1.5 and p99 / e99 <= 2.0 and lost == 0 and rss_idle <= 16 * 1024 \
+    ok = p50 / e50 <= 1.5 and p99 / e99 <= 2.0 and s99 / p99 <= 1.5 and lost == 0 and rss_idle <= 16 * 1024 \
         and rss_after - rss_idle <= 1024
     print('all targets met' if ok else 'TARGETS MISSED')
     return 0 if ok else 1
