@@ -74,11 +74,17 @@ def settle(world, client):
         client.wait_for(f'{world.base}/{topic}', timeout=30)
 
 
+def warm_round_trips(port, base, requests):
+    '''status/get round trips after 50 that warm the path up.'''
+    exchange = Exchange(port, f'{base}/status/get', f'{base}/status')
+    exchange.round_trips(50)
+    samples = exchange.round_trips(requests)
+    exchange.close()
+    return samples
+
+
 def measure_round_trip(world, requests):
-    tarvik = Exchange(world.broker.port, f'{world.base}/status/get', f'{world.base}/status')
-    tarvik.round_trips(50)
-    tarvik_ms = tarvik.round_trips(requests)
-    tarvik.close()
+    tarvik_ms = warm_round_trips(world.broker.port, world.base, requests)
 
     responder = os.path.join(os.environ.get('TARVIK_BUILD_DIR', os.path.join(SOURCE, 'build')), 'echo_responder')
     echo = subprocess.Popen([responder, str(world.broker.port), f'{ECHO_BASE}/status/get', f'{ECHO_BASE}/status'],
@@ -86,10 +92,7 @@ def measure_round_trip(world, requests):
     try:
         if echo.stdout.readline().strip() != 'ready':
             raise RuntimeError('echo responder did not start')
-        exchange = Exchange(world.broker.port, f'{ECHO_BASE}/status/get', f'{ECHO_BASE}/status')
-        exchange.round_trips(50)
-        echo_ms = exchange.round_trips(requests)
-        exchange.close()
+        echo_ms = warm_round_trips(world.broker.port, ECHO_BASE, requests)
     finally:
         echo.terminate()
         echo.wait(timeout=5)
@@ -112,10 +115,7 @@ def measure_beside_slow_secrets(world, requests, secrets_seconds=0.2):
     loop = threading.Thread(target=ask_for_configuration, daemon=True)
     loop.start()
     try:
-        tarvik = Exchange(world.broker.port, f'{world.base}/status/get', f'{world.base}/status')
-        tarvik.round_trips(50)
-        samples = tarvik.round_trips(requests)
-        tarvik.close()
+        samples = warm_round_trips(world.broker.port, world.base, requests)
     finally:
         stop.set()
         loop.join(15)
