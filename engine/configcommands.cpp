@@ -2,6 +2,7 @@
 
 #include "config/ipv4validation.h"
 #include "engine/devicekind.h"
+#include "engine/confirmedchanges.h"
 #include "engine/devicework.h"
 
 namespace Tarvik {
@@ -19,11 +20,22 @@ bool Engine::acceptIpv4(const Config::Ipv4Config& ipv4, const QString& errorComm
 void Engine::applyConfigSet(const DeviceKind& kind, const QJsonObject& payload)
 {
     const QString errorCommand = QLatin1String(kind.setErrorCommand);
+    const ChangeRequest request = ChangeRequest::of(payload);
+    if (!request.error.isEmpty()) {
+        log(Log::Error, "Configuration refused: %s", qPrintable(request.error));
+        m_ipc->publishError(errorCommand, request.error);
+        return;
+    }
     const auto device = findRequestedDevice(payload, kind.deviceType, errorCommand);
     DeviceRecord record = kind.recordOf(*m_config);
     kind.readPayload(record, payload);
-    if (!device || !acceptIpv4(ipv4Of(record), errorCommand))
+    if (!device || !acceptIpv4(ipv4Of(record), errorCommand)
+        || !m_changes->acceptAnotherChange(device->uni(), errorCommand))
         return;
+    if (request.asked) {
+        m_changes->begin(kind, device, record, payload, request);
+        return;
+    }
     // The file holds the newest record at once, even when its provisioning waits or fails.
     kind.store(*m_config, record);
     m_work->add(device->uni(), DeviceWork::Provisioning, [this, device, record](const DeviceWork::Finished& finished) {
@@ -44,6 +56,16 @@ void Engine::processWifiConfigSetCommand(const QJsonObject& payload)
 void Engine::processModemConfigSetCommand(const QJsonObject& payload)
 {
     applyConfigSet(*DeviceKind::of(NetworkManager::Device::Modem), payload);
+}
+
+void Engine::processTransactionConfirmCommand(const QJsonObject& payload)
+{
+    m_changes->confirm(payload);
+}
+
+void Engine::processTransactionRollbackCommand(const QJsonObject& payload)
+{
+    m_changes->rollback(payload);
 }
 
 } // namespace Tarvik

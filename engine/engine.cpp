@@ -3,6 +3,7 @@
 #include "documents/daemonsonbus.h"
 #include "documents/documents.h"
 #include "engine/burstpublisher.h"
+#include "engine/confirmedchanges.h"
 #include "engine/daemonpresence.h"
 #include "engine/devicekind.h"
 #include "engine/devicepublisher.h"
@@ -61,11 +62,14 @@ Engine::Engine(const QString& configPath, QObject* parent)
     m_commands.insert(QStringLiteral("modem/stats/get"), &Engine::processModemStatsGetCommand);
     m_commands.insert(QStringLiteral("modem/config/get"), &Engine::processModemConfigGetCommand);
     m_commands.insert(QStringLiteral("modem/config/set"), &Engine::processModemConfigSetCommand);
+    m_commands.insert(QStringLiteral("transaction/confirm"), &Engine::processTransactionConfirmCommand);
+    m_commands.insert(QStringLiteral("transaction/rollback"), &Engine::processTransactionRollbackCommand);
 
     // Config and IPC share the engine's own parent; the owning pointers are what frees them.
     m_config.reset(new Config(configPath, parent));
     m_ipc.reset(new IPC(m_config.get(), parent));
     m_publisher = new DevicePublisher(m_ipc.get(), this);
+    m_changes = new ConfirmedChanges(m_ipc.get(), m_config.get(), m_work, QStringLiteral("./stats/changes.json"), this);
 
     connect(m_ipc.get(), &IPC::connected, this, &Engine::onIPCConnected);
     connect(m_ipc.get(), &IPC::disconnected, this, &Engine::onIPCDiscconnected);
@@ -116,6 +120,7 @@ void Engine::onIPCConnected(const QString& url)
     log(Log::Info, "IPC Connected to %s", url.toLocal8Bit().constData());
     m_brokerConnected = true;
     reload();
+    m_changes->onBrokerConnected();
 }
 
 void Engine::onIPCDiscconnected()

@@ -25,6 +25,7 @@
 namespace Tarvik {
 
 class BurstPublisher;
+class ConfirmedChanges;
 class DaemonPresence;
 class DevicePublisher;
 class ModemDataPort;
@@ -140,6 +141,8 @@ private:
     void processEthernetConfigSetCommand(const QJsonObject& payload);
     void processWifiConfigSetCommand(const QJsonObject& payload);
     void processModemConfigSetCommand(const QJsonObject& payload);
+    void processTransactionConfirmCommand(const QJsonObject& payload);
+    void processTransactionRollbackCommand(const QJsonObject& payload);
 
     // Modem data usage (modemusage.cpp)
     // Counts while the modem is connected.
@@ -165,6 +168,7 @@ private:
     DevicePublisher* m_publisher;
     BurstPublisher* m_bursts;
     ModemDataPort* m_modemDataPort;
+    ConfirmedChanges* m_changes;
     bool m_brokerConnected = false;
     bool m_started = false;
     // Once a library has read its daemon, its own signals say when the daemon comes and goes.

@@ -3,6 +3,7 @@
 #include "documents/daemonsonbus.h"
 #include "documents/documents.h"
 #include "engine/burstpublisher.h"
+#include "engine/confirmedchanges.h"
 #include "engine/daemonpresence.h"
 #include "engine/devicekind.h"
 #include "engine/devicepublisher.h"
@@ -89,6 +90,8 @@ void Engine::onNetworkManagerKnown(bool present)
 void Engine::onNetworkManagerPresenceChanged(bool present)
 {
     setOnBus(Daemon::NetworkManager, present);
+    if (!present)
+        m_changes->onNetworkManagerGone();
     if (m_networkManagerLinked)
         return;
     if (present)

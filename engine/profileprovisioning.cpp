@@ -15,15 +15,23 @@ namespace Tarvik {
 void ProfileProvisioning::start(const NetworkManager::Device::Ptr& device, const DeviceRecord& record,
                                 QObject* parent, Done done)
 {
-    (new ProfileProvisioning(device, record, parent, std::move(done)))->run();
+    start(device, record, Persistence::Disk, parent,
+          [done = std::move(done)](NetworkManager::Connection::Ptr connection, const QString&) { done(connection); });
+}
+
+void ProfileProvisioning::start(const NetworkManager::Device::Ptr& device, const DeviceRecord& record,
+                                Persistence persistence, QObject* parent, Outcome done)
+{
+    (new ProfileProvisioning(device, record, persistence, parent, std::move(done)))->run();
 }
 
 ProfileProvisioning::ProfileProvisioning(const NetworkManager::Device::Ptr& device, const DeviceRecord& record,
-                                         QObject* parent, Done done)
+                                         Persistence persistence, QObject* parent, Outcome done)
     : QObject(parent)
     , m_device(device)
     , m_kind(device ? DeviceKind::of(device->type()) : nullptr)
     , m_record(record)
+    , m_persistence(persistence)
     , m_done(std::move(done))
 {
 }
@@ -75,13 +83,18 @@ void ProfileProvisioning::create()
     settings->setTimestamp(QDateTime::currentDateTime());
     configureSettings(settings);
 
-    const auto call = NetworkManager::addAndActivateConnection(settings->toMap(), m_device->uni(), m_target.accessPoint);
+    const auto call = m_persistence == Persistence::Disk
+        ? QDBusPendingCall(NetworkManager::addAndActivateConnection(settings->toMap(), m_device->uni(),
+                                                                    m_target.accessPoint))
+        : QDBusPendingCall(NetworkManager::addAndActivateConnection2(settings->toMap(), m_device->uni(),
+                                                                     m_target.accessPoint,
+                                                                     {{QStringLiteral("persist"), "memory"}}));
     whenFinished(call, this, [this](const QDBusPendingCall& finished) {
         const QDBusPendingReply<QDBusObjectPath, QDBusObjectPath> reply = finished;
         if (!reply.isValid()) {
             log(Log::Info, "[%s] Failed to create connection '%s' : %s", tag(), qPrintable(m_target.name),
                 qPrintable(reply.error().message()));
-            finish({});
+            refuse(reply.error().message());
             return;
         }
         log(Log::Info, "[%s] Connection '%s' created successfully.", tag(), qPrintable(m_target.name));
@@ -114,7 +127,8 @@ void ProfileProvisioning::compare()
     const bool emptiesSecrets = emptiesStoredSecrets(m_settings, m_record);
     if (configureSettings(m_settings)) {
         log(Log::Info, "[%s] Connection settings have changed. Applying new settings.", tag());
-        if (emptiesSecrets)
+        // Clearing secrets reaches the disk: a trial only updates them in memory.
+        if (emptiesSecrets && m_persistence == Persistence::Disk)
             clearSecrets();
         else
             update();
@@ -144,12 +158,12 @@ void ProfileProvisioning::clearSecrets()
 void ProfileProvisioning::update()
 {
     m_update = updateMapOf(m_settings);
-    whenFinished(m_connection->update(m_update.settings), this, [this](const QDBusPendingCall& first) {
+    whenFinished(sendUpdate(m_update.settings), this, [this](const QDBusPendingCall& first) {
         if (first.isError() && m_update.refusesAddedKey(first.error().name(), first.error().message())) {
             log(Log::Info, "[%s] NetworkManager refused the empty GSM secrets of connection '%s' (%s). "
                            "Updating without them.",
                 tag(), qPrintable(m_target.name), qPrintable(first.error().message()));
-            whenFinished(m_connection->update(m_update.withoutAddedKeys()), this,
+            whenFinished(sendUpdate(m_update.withoutAddedKeys()), this,
                          [this](const QDBusPendingCall& second) { onUpdated(second); });
             return;
         }
@@ -162,7 +176,7 @@ void ProfileProvisioning::onUpdated(const QDBusPendingCall& reply)
     if (reply.isError()) {
         log(Log::Info, "[%s] Failed to update connection '%s' : %s", tag(), qPrintable(m_target.name),
             qPrintable(reply.error().message()));
-        finish({});
+        refuse(reply.error().message());
         return;
     }
     activate(true);
@@ -174,7 +188,7 @@ void ProfileProvisioning::activate(bool afterUpdate)
     whenFinished(call, this, [this, afterUpdate](const QDBusPendingCall& reply) {
         if (reply.isError()) {
             log(Log::Info, "[%s] Failed to activate connection: %s", tag(), qPrintable(reply.error().message()));
-            finish({});
+            refuse(reply.error().message());
             return;
         }
         if (afterUpdate)
@@ -185,10 +199,22 @@ void ProfileProvisioning::activate(bool afterUpdate)
     });
 }
 
+QDBusPendingCall ProfileProvisioning::sendUpdate(const NMVariantMapMap& settings)
+{
+    return m_persistence == Persistence::Disk ? QDBusPendingCall(m_connection->update(settings))
+                                              : QDBusPendingCall(m_connection->updateUnsaved(settings));
+}
+
 void ProfileProvisioning::finish(NetworkManager::Connection::Ptr connection)
 {
     deleteLater();
-    m_done(connection);
+    m_done(connection, QString());
+}
+
+void ProfileProvisioning::refuse(const QString& refusal)
+{
+    deleteLater();
+    m_done({}, refusal);
 }
 
 bool ProfileProvisioning::configureSettings(NetworkManager::ConnectionSettings::Ptr settings)

@@ -1,6 +1,7 @@
 #include "engine/engine.h"
 
 #include "documents/daemonsonbus.h"
+#include "engine/confirmedchanges.h"
 #include "engine/devicekind.h"
 #include "engine/devicepublisher.h"
 #include "engine/devicework.h"
@@ -38,7 +39,7 @@ void Engine::reloadDevice(NetworkManager::Device::Ptr device)
         monitorDevice(device);
         const DeviceKind* kind = DeviceKind::of(device->type());
         const DeviceRecord record = kind ? kind->recordOf(*m_config) : DeviceRecord();
-        updateConnection(device, record, [this, device, kind, finished](NetworkManager::Connection::Ptr connection) {
+        const auto provisioned = [this, device, kind, finished](NetworkManager::Connection::Ptr connection) {
             if (!kind) {
                 log(Log::Warning, "Skipping device: %s", qPrintable(device->interfaceName()));
                 finished();
@@ -49,7 +50,13 @@ void Engine::reloadDevice(NetworkManager::Device::Ptr device)
                 publishConfigWhenVisible(device, connection);
                 finished();
             });
-        });
+        };
+        // A change on trial may be what cut the broker off: provisioning from the file would undo it before
+        // it can be confirmed.
+        if (m_changes->isPending(device->uni()))
+            provisioned({});
+        else
+            updateConnection(device, record, provisioned);
     });
 }
 

@@ -105,6 +105,8 @@ void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
         subscribe("+/get");
         subscribe("+/+/get");
         subscribe("+/+/set");
+        for (const QString& filter : qAsConst(m_extraFilters))
+            subscribe(filter);
         emit connected(m_client->hostname());
         break;
     case MqttClient::Disconnected:
@@ -149,6 +151,15 @@ void IPC::subscribe(const QString& filter)
     m_client->subscribe(fullFilter, 0);
 }
 
+void IPC::listenFor(const QString& filter)
+{
+    if (m_extraFilters.contains(filter))
+        return;
+    m_extraFilters.append(filter);
+    if (m_client->state() == MqttClient::Connected)
+        subscribe(filter);
+}
+
 void IPC::unsubscribe(const QString& filter)
 {
     const QString fullFilter = topicBase() + "/" + filter;
@@ -190,6 +201,7 @@ void IPC::publish(Topic topic, const QJsonObject& document)
         { Topic::ModemConfig, { "modem/config", 2, true } },
         { Topic::ModemSignal, { "modem/signal", 2, true } },
         { Topic::ModemStats, { "modem/stats", 0, true } },
+        { Topic::Transaction, { "transaction", 2, true } },
     };
     const Publication publication = publications.value(topic);
     publish(QLatin1String(publication.name), QJsonDocument(document).toJson(), publication.qos, publication.retain);

@@ -28,6 +28,7 @@ enum class Topic {
     ModemConfig,
     ModemSignal,
     ModemStats,
+    Transaction,
 };
 
 // The service's only link to the outside world: one broker session kept alive
@@ -46,6 +47,8 @@ public:
 
     void subscribe(const QString& filter);
     void unsubscribe(const QString& filter);
+    // Subscribes now and at every later connection (for commands only some clients use).
+    void listenFor(const QString& filter);
     void publish(const QString& topic, const QByteArray& data, int qos, bool retain);
     // In the indented form, with the topic's own QoS and retain flag.
     void publish(Topic topic, const QJsonObject& document);
@@ -77,6 +80,7 @@ private:
     MqttClient* m_client = nullptr;
     QTimer* m_connectTimer = nullptr;
     int m_attempts = 0;
+    QStringList m_extraFilters;
     TaggedLog log{"[IPC] "};
 };
 

@@ -280,6 +280,15 @@ class NetworkManager(SlowAnswers):
         '''The stored settings (without secrets), read without appearing in the call log.'''
         return plain(self.mock.PeekSettings(connection))
 
+    def saved_settings(self, connection):
+        '''The settings on "disk" (without secrets), None for a profile never saved; Update, Save and profiles
+        made by tests are saved, UpdateUnsaved and AddConnectionUnsaved change only connection_settings().'''
+        return plain(self.mock.PeekSavedSettings(connection)) or None
+
+    def checkpoints(self):
+        '''The daemon's checkpoints (the manager's Checkpoints property).'''
+        return [str(p) for p in self.manager_property('Checkpoints')]
+
     def connection_secrets(self, connection, setting=None):
         '''The stored secrets (all settings, or the one named), read without appearing in the call log.'''
         secrets = plain(self.mock.PeekSecrets(connection))

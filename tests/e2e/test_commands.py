@@ -111,5 +111,6 @@ def test_late_subscribers_get_every_document_retained_but_errors(scene):
     late.publish("marker", off_contract(b"end"))
     late.wait_for("marker")
     retained = {m.topic[len(BASE) + 1:]: m.qos for m in late.messages() if m.retain}
+    # "transaction" exists once a change was put on trial.
     assert retained == {topic: channel.mqtt["qos"] for topic, channel in CONTRACT.published.items()
-                        if channel.mqtt["retain"]}
+                        if channel.mqtt["retain"] and topic != "transaction"}

@@ -31,7 +31,7 @@ def manager_activate_connection(self, connection, device, specific):
 
 
 @entry('AddAndActivateConnection')
-def manager_add_and_activate_connection(self, settings, device, specific):
+def manager_add_and_activate_connection(self, settings, device, specific, saved=True):
     settings = {str(g): dbus.Dictionary(v, signature='sv') for g, v in settings.items()}
     if str(device) != '/':
         profiles.complete_type(settings, devices.require_device(device))
@@ -39,7 +39,7 @@ def manager_add_and_activate_connection(self, settings, device, specific):
     device = devices.pick_device(settings) if str(device) == '/' else devices.require_device(device)
     profiles.complete(settings, str(specific))
     devices.check_available(settings, device, settings['connection'].get('id', ''))
-    connection = profiles.add_connection(settings)
+    connection = profiles.add_connection(settings, saved)
     active = activate(connection, device, str(specific), instant=False)
     return (dbus.ObjectPath(connection), dbus.ObjectPath(active))
 

@@ -79,6 +79,13 @@ def PeekSettings(self, connection):
 
 
 @dbus.service.method(MOCK_IFACE, in_signature='s', out_signature='a{sa{sv}}')
+def PeekSavedSettings(self, connection):
+    '''The settings on "disk" (empty for a profile never saved).'''
+    saved = profiles.require_connection(connection)['saved']
+    return dbus.Dictionary(saved['settings'] if saved else {}, signature='sa{sv}')
+
+
+@dbus.service.method(MOCK_IFACE, in_signature='s', out_signature='a{sa{sv}}')
 def PeekSecrets(self, connection):
     return dbus.Dictionary(profiles.require_connection(connection)['secrets'], signature='sa{sv}')
 

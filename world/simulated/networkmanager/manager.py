@@ -4,7 +4,7 @@ import dbus
 
 from .. import mockbus
 from ..mockbus import add_object, emit_object_added, paths, prop, set_props, u32
-from . import activation, devices, profiles
+from . import activation, checkpoints, devices, profiles
 from .constants import MANAGER_OBJ, NM
 from .state import W
 
@@ -13,6 +13,7 @@ def load(mock, parameters):
     '''Called by dbusmock with the Mock object at /org/freedesktop; parameters from --parameters.'''
     mockbus.bind(mock)
     W.reset()   # dbusmock's Reset() loads the template again: start from nothing
+    checkpoints.forget_all()
     add_manager_object(parameters)
     profiles.add_settings_object(parameters.get('Hostname', 'tarvik-test'))
 
@@ -52,8 +53,12 @@ def add_manager_object(parameters):
         ('ActivateConnection', 'ooo', 'o', activation.manager_activate_connection),
         ('AddAndActivateConnection', 'a{sa{sv}}oo', 'oo', activation.manager_add_and_activate_connection),
         ('AddAndActivateConnection2', 'a{sa{sv}}ooa{sv}', 'ooa{sv}',
-         lambda self, s, d, a, o: tuple(activation.manager_add_and_activate_connection(self, s, d, a))
-         + (dbus.Dictionary({}, signature='sv'),)),
+         lambda self, s, d, a, o: tuple(activation.manager_add_and_activate_connection(
+             self, s, d, a, saved=str(o.get('persist', 'disk')) == 'disk')) + (dbus.Dictionary({}, signature='sv'),)),
+        ('CheckpointCreate', 'aouu', 'o', checkpoints.checkpoint_create),
+        ('CheckpointDestroy', 'o', '', checkpoints.checkpoint_destroy),
+        ('CheckpointRollback', 'o', 'a{su}', checkpoints.checkpoint_rollback),
+        ('CheckpointAdjustRollbackTimeout', 'ou', '', checkpoints.checkpoint_adjust_rollback_timeout),
         ('DeactivateConnection', 'o', '', activation.manager_deactivate_connection),
         ('Sleep', 'b', '', lambda self, sleep: None),
         ('Enable', 'b', '', lambda self, enable: set_props(MANAGER_OBJ, NM, {'NetworkingEnabled': bool(enable)})),

@@ -174,17 +174,22 @@ def needs_missing_secrets(record):
 def connection_methods():
     return [
         ('Update', 'a{sa{sv}}', '', connection_update),
-        ('UpdateUnsaved', 'a{sa{sv}}', '', connection_update),
+        ('UpdateUnsaved', 'a{sa{sv}}', '', connection_update_unsaved),
         ('Delete', '', '', connection_delete),
         ('GetSettings', '', 'a{sa{sv}}', connection_get_settings),
         ('GetSecrets', 's', 'a{sa{sv}}', connection_get_secrets),
         ('ClearSecrets', '', '', connection_clear_secrets),
-        ('Save', '', '', lambda self: None),
+        ('Save', '', '', connection_save),
     ]
 
 
-def add_connection(settings):
-    '''Stores a new profile; its secrets go to a store of their own.'''
+# Settings.Connection flags and Update2 flags of the daemon.
+FLAG_UNSAVED = 0x1
+UPDATE2_TO_DISK, UPDATE2_IN_MEMORY = 0x1, 0x2
+
+
+def add_connection(settings, saved=True):
+    '''Stores a new profile (on "disk" unless saved is False); its secrets go to a store of their own.'''
     sent, settings = settings, normalize(settings)
     verify(sent, settings)
     clean, secrets = split_secrets(settings)
@@ -194,7 +199,8 @@ def add_connection(settings):
                    f'/etc/NetworkManager/system-connections/{clean["connection"].get("id", "")}.nmconnection')},
                connection_methods())
     obj(path).AddMethod(CONNECTION_IFACE, 'Update2', 'a{sa{sv}}ua{sv}', 'a{sv}', connection_update2)
-    W.connections[path] = {'settings': clean, 'secrets': secrets}
+    W.connections[path] = {'settings': clean, 'secrets': secrets, 'saved': None}
+    mark_saved(path, saved)
     emit_object_added(path)
     set_props(SETTINGS_OBJ, SETTINGS_IFACE, {'Connections': paths(sorted(W.connections, key=path_order))})
     obj(SETTINGS_OBJ).EmitSignal(SETTINGS_IFACE, 'NewConnection', 'o', [dbus.ObjectPath(path)])
@@ -221,8 +227,48 @@ def require_connection(path):
     return W.connections[str(path)]
 
 
+def mark_saved(path, saved):
+    '''A saved profile's "disk" copy is its settings now; an unsaved one keeps the copy it had.'''
+    record = W.connections[path]
+    if saved:
+        record['saved'] = stored_copy(record)
+    set_props(path, CONNECTION_IFACE, {'Unsaved': dbus.Boolean(not saved), 'Flags': u32(0 if saved else FLAG_UNSAVED)})
+
+
 @entry('Update')
 def connection_update(self, settings):
+    change_settings(self, settings)
+    mark_saved(self.path, True)
+
+
+@entry('UpdateUnsaved')
+def connection_update_unsaved(self, settings):
+    change_settings(self, settings)
+    mark_saved(self.path, False)
+
+
+@entry('Save')
+def connection_save(self):
+    require_connection(self.path)
+    mark_saved(self.path, True)
+
+
+def stored_copy(record):
+    '''Settings and secrets as they are now; the values themselves are never changed in place, only replaced.'''
+    return {part: {group: dbus.Dictionary(values, signature='sv') for group, values in record[part].items()}
+            for part in ('settings', 'secrets')}
+
+
+def restore(path, stored):
+    '''Puts settings and secrets kept earlier back, in memory (a checkpoint's rollback).'''
+    record = W.connections[path]
+    record['settings'], record['secrets'] = stored_copy(stored).values()
+    mark_saved(path, False)
+    obj(path).EmitSignal(CONNECTION_IFACE, 'Updated', '', [])
+    devices.refresh_all_available_connections()
+
+
+def change_settings(self, settings):
     record = require_connection(self.path)
     check_valid_type(settings)
     sent, settings = settings, normalize(settings)
@@ -236,7 +282,10 @@ def connection_update(self, settings):
 
 
 def connection_update2(self, settings, flags, args):
-    connection_update(self, settings)
+    if flags & UPDATE2_IN_MEMORY and not flags & UPDATE2_TO_DISK:
+        connection_update_unsaved(self, settings)
+    else:
+        connection_update(self, settings)
     return dbus.Dictionary({}, signature='sv')
 
 
@@ -287,7 +336,7 @@ def add_settings_object(hostname):
         ('ListConnections', '', 'ao', lambda self: prop(SETTINGS_OBJ, SETTINGS_IFACE, 'Connections')),
         ('GetConnectionByUuid', 's', 'o', settings_get_connection_by_uuid),
         ('AddConnection', 'a{sa{sv}}', 'o', settings_add_connection),
-        ('AddConnectionUnsaved', 'a{sa{sv}}', 'o', settings_add_connection),
+        ('AddConnectionUnsaved', 'a{sa{sv}}', 'o', settings_add_connection_unsaved),
         ('SaveHostname', 's', '', lambda self, name: set_props(SETTINGS_OBJ, SETTINGS_IFACE,
                                                                {'Hostname': dbus.String(name)})),
         ('ReloadConnections', '', 'b', lambda self: True),
@@ -299,6 +348,12 @@ def add_settings_object(hostname):
 def settings_add_connection(self, settings):
     check_valid_type(settings)
     return dbus.ObjectPath(add_connection(settings))
+
+
+@entry('AddConnectionUnsaved')
+def settings_add_connection_unsaved(self, settings):
+    check_valid_type(settings)
+    return dbus.ObjectPath(add_connection(settings, saved=False))
 
 
 def settings_get_connection_by_uuid(self, wanted):

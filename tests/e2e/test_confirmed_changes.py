@@ -1,0 +1,144 @@
+"""Set commands with "confirmWithin": the change is tried in NetworkManager's memory under a checkpoint and
+kept only when confirmed in time; otherwise, or when the daemon refuses it, the device is restored, the
+configuration file never changed, and the client learns every outcome on "transaction"."""
+
+import json
+import os
+import time
+
+import pytest
+
+import scenarios
+from contract import off_contract
+from engineflow import start
+from world import config_keys, wait_until
+
+TRIAL = {"interface": "eth0", "method": "manual", "address": "192.168.60.2", "netmask": "255.255.255.0",
+         "gateway": "192.168.60.1"}
+
+
+def addresses_of(settings):
+    return [a["address"] for a in settings["ipv4"].get("address-data", [])]
+
+
+def transaction(mqtt, state, timeout=10):
+    message = mqtt.wait_for(mqtt.topic("transaction"), timeout, predicate=lambda m: m.json["state"] == state)
+    assert (message.qos, message.retain) == (2, False)
+    return message.json
+
+
+@pytest.fixture
+def wired(world, mqtt, tarvik_binary):
+    device = scenarios.ethernet(world, active=True)
+    tarvik = start(world, mqtt)
+    mqtt.clear()
+    return device, tarvik
+
+
+def test_a_confirmed_change_is_saved_and_written_to_the_file(world, mqtt, wired):
+    device, tarvik = wired
+    sent = time.time()
+    mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 60, "id": "new-subnet"})
+    pending = transaction(mqtt, "pending")
+    assert pending["id"] == "new-subnet" and pending["interface"] == "eth0"
+    assert pending["command"] == "ethernet/config/set"
+    assert sent + 59 <= pending["deadline"] <= time.time() + 61
+    journal = os.path.join(world.directory, "stats", "changes.json")
+    assert [entry["id"] for entry in json.load(open(journal))] == ["new-subnet"]
+    # On trial: the daemon runs it from memory, its disk and tarvik's file still hold the old record.
+    wait_until(lambda: addresses_of(world.nm.connection_settings(device.connection)) == ["192.168.60.2"], 10,
+               "the trial profile")
+    assert addresses_of(world.nm.saved_settings(device.connection)) == []
+    assert "Ethernet/address" not in config_keys(tarvik.config_path) or \
+        config_keys(tarvik.config_path)["Ethernet/address"] != "192.168.60.2"
+    assert len(world.nm.checkpoints()) == 1
+
+    mqtt.command("transaction/confirm", {"id": "new-subnet"})
+    assert transaction(mqtt, "confirmed")["id"] == "new-subnet"
+    assert addresses_of(world.nm.saved_settings(device.connection)) == ["192.168.60.2"]
+    assert config_keys(tarvik.config_path)["Ethernet/address"] == "192.168.60.2"
+    assert world.nm.checkpoints() == [] and not os.path.exists(journal)
+    late = world.mqtt(subscribe=mqtt.topic("transaction"))
+    assert late.wait_for(mqtt.topic("transaction")).json["state"] == "confirmed"
+
+
+@pytest.mark.parametrize("undo, reason", [
+    (lambda mqtt: None, "not confirmed within 10 s"),
+    (lambda mqtt: mqtt.command("transaction/rollback", {"id": "trial"}), "rolled back on request"),
+])
+def test_an_unconfirmed_change_is_undone_and_leaves_the_file_alone(world, mqtt, wired, undo, reason):
+    device, tarvik = wired
+    before = config_keys(tarvik.config_path)
+    mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 10, "id": "trial"})
+    transaction(mqtt, "pending")
+    wait_until(lambda: addresses_of(world.nm.connection_settings(device.connection)) == ["192.168.60.2"], 10,
+               "the trial profile")
+    undo(mqtt)
+    rolled_back = transaction(mqtt, "rolledBack", 20)
+    assert (rolled_back["reason"], rolled_back["rollback"]) == (reason, {"eth0": "restored"})
+    assert addresses_of(world.nm.connection_settings(device.connection)) == []
+    world.nm.wait_device_state(device.device, 100)
+    assert config_keys(tarvik.config_path) == before
+    assert world.nm.checkpoints() == []
+
+
+def test_a_change_the_daemon_refuses_fails_and_is_undone(world, mqtt, wired):
+    device, tarvik = wired
+    before = config_keys(tarvik.config_path)
+    world.nm.refuse("UpdateUnsaved", "org.freedesktop.NetworkManager.Settings.Connection.PermissionDenied",
+                    "Insufficient privileges")
+    mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 30, "id": "refused"})
+    failed = transaction(mqtt, "failed")
+    assert failed["reason"] == "Insufficient privileges"
+    assert world.nm.checkpoints() == []
+    assert config_keys(tarvik.config_path) == before
+
+
+@pytest.mark.parametrize("command, payload, error", [
+    ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": 9}), "confirmWithin must be a whole number of seconds from 10 to 3600"),
+    ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": 3601}), "confirmWithin must be a whole number of seconds from 10 to 3600"),
+    ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": 10.5}), "confirmWithin must be a whole number of seconds from 10 to 3600"),
+    ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": "60"}), "confirmWithin must be a whole number of seconds from 10 to 3600"),
+    ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": 60, "id": ""}), "id must be a text of 1 to 64 characters"),
+    ("transaction/confirm", {"id": "nothing\nhere"}, "No change waiting for confirmation: 'nothing\\nhere'"),
+], ids=["short", "long", "fraction", "text", "empty-id", "unknown-id"])
+def test_refused_requests_change_nothing(world, mqtt, wired, command, payload, error):
+    device, tarvik = wired
+    before = config_keys(tarvik.config_path)
+    if command.startswith("transaction/"):
+        # tarvik listens for these once a change was put on trial.
+        mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 60, "id": "first"})
+        transaction(mqtt, "pending")
+        world.nm.wait_for_call("UpdateUnsaved")
+    world.nm.clear_calls()
+    mqtt.command(command, payload)
+    answer = mqtt.wait_for(mqtt.topic("error"))
+    # The wired set command's errors go out under "ethernet/config/get", as all of them do.
+    assert answer.json == {"command": command.replace("/set", "/get"), "error": error}
+    assert config_keys(tarvik.config_path) == before
+    assert not [c for c in world.nm.calls() if c["method"] in ("CheckpointCreate", "Update", "UpdateUnsaved")]
+
+
+def test_a_second_change_of_the_device_waits_for_the_first(world, mqtt, wired):
+    mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 60, "id": "first"})
+    transaction(mqtt, "pending")
+    for payload in ({**TRIAL, "address": "192.168.60.3"}, {**TRIAL, "confirmWithin": 60, "id": "second"}):
+        mqtt.command("ethernet/config/set", payload)
+        assert mqtt.wait_for(mqtt.topic("error")).json == {
+            "command": "ethernet/config/get", "error": "Change 'first' of eth0 is waiting for confirmation"}
+
+
+def test_a_change_left_by_a_killed_tarvik_is_rolled_back_at_its_next_start(world, mqtt, wired):
+    device, tarvik = wired
+    before = config_keys(tarvik.config_path)
+    mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 600, "id": "orphan"})
+    transaction(mqtt, "pending")
+    wait_until(lambda: addresses_of(world.nm.connection_settings(device.connection)) == ["192.168.60.2"], 10,
+               "the trial profile")
+    tarvik.stop(sig=9)
+    world.tarvik(write_config=False, config_path=tarvik.config_path)
+    rolled_back = transaction(mqtt, "rolledBack", 15)
+    assert (rolled_back["id"], rolled_back["reason"]) == ("orphan", "service restarted during the change")
+    assert addresses_of(world.nm.connection_settings(device.connection)) == []
+    assert world.nm.checkpoints() == []
+    assert config_keys(tarvik.config_path) == before
