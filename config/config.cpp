@@ -102,6 +102,8 @@ Config::Config(const QString& fileName, QObject* parent)
     }
 
     readConfiguration();
+    // Read on its own, never reported nor written: a file without it reads, logs and is written as before.
+    m_confirmProbe = m_settings->value(QStringLiteral("Changes/confirmProbe")).toString();
     printConfiguration();
 }
 
@@ -125,6 +127,11 @@ const Config::Wifi& Config::wifi() const
 const Config::Modem& Config::modem() const
 {
     return m_modem;
+}
+
+QString Config::confirmProbe() const
+{
+    return m_confirmProbe;
 }
 
 void Config::setMqtt(const Mqtt& mqtt)

@@ -67,6 +67,8 @@ public:
     const Ethernet& ethernet() const;
     const Wifi& wifi() const;
     const Modem& modem() const;
+    // "host:port" whose reachability confirms a change on trial by itself; empty: only a client confirms.
+    QString confirmProbe() const;
 
     void setMqtt(const Mqtt& mqtt);
     void setEthernet(const Ethernet& ethernet);
@@ -91,6 +93,7 @@ private:
     Ethernet m_ethernet;
     Wifi m_wifi;
     Modem m_modem;
+    QString m_confirmProbe;
     const TaggedLog log{"[Config] "};
 };
 

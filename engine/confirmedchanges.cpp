@@ -6,6 +6,7 @@
 #include "engine/devicework.h"
 #include "engine/pendingcall.h"
 #include "engine/profileprovisioning.h"
+#include "engine/reachabilityprobe.h"
 #include "ipc/ipc.h"
 #include "vocabulary/clienttext.h"
 
@@ -21,6 +22,8 @@ constexpr int longestWindowSeconds = 3600;
 // tarvik, when alive, rolls back a moment before the daemon's own timer would: its rollback answers with what
 // it did to the device, the daemon's own one tells nobody.
 constexpr int rollbackLeadMs = 1000;
+// Between two attempts to reach the probe: each opens a fresh connection.
+constexpr int probeIntervalMs = 2000;
 const QString confirmCommand = QStringLiteral("transaction/confirm");
 const QString rollbackCommand = QStringLiteral("transaction/rollback");
 
@@ -35,6 +38,7 @@ struct ConfirmedChanges::Change {
     QString checkpoint;
     NetworkManager::Connection::Ptr connection;
     QTimer deadline;
+    bool confirming = false;
     bool finished = false;
 };
 
@@ -157,6 +161,33 @@ void ConfirmedChanges::onProvisioned(Change* change, NetworkManager::Connection:
         return;
     }
     change->connection = connection;
+    if (!m_config->confirmProbe().isEmpty())
+        probeLater(m_changes.value(change->device->uni()));
+}
+
+// Once the device is back up with the change, reaching the probe proves the gateway is still reachable.
+void ConfirmedChanges::probeLater(const std::shared_ptr<Change>& change)
+{
+    QTimer::singleShot(probeIntervalMs, this, [this, change] {
+        if (change->finished)
+            return;
+        if (change->device->state() != NetworkManager::Device::Activated) {
+            probeLater(change);
+            return;
+        }
+        const QString probe = m_config->confirmProbe();
+        ReachabilityProbe::start(probe, this, [this, change, probe](bool reached, const QString& why) {
+            if (change->finished)
+                return;
+            if (!reached) {
+                log(Log::Info, "Change '%s' of %s: %s not reached yet (%s).", qPrintable(clientText(change->view.id)),
+                    qPrintable(change->view.interface), qPrintable(probe), qPrintable(why));
+                probeLater(change);
+                return;
+            }
+            keep(change, QStringLiteral("confirmed by reaching ") + probe);
+        });
+    });
 }
 
 ConfirmedChanges::Change* ConfirmedChanges::find(const QJsonObject& payload, const QString& command)
@@ -182,9 +213,17 @@ void ConfirmedChanges::confirm(const QJsonObject& payload)
                                                 .arg(clientText(change->view.id)));
         return;
     }
-    change->deadline.stop();
-    const auto held = m_changes.value(change->device->uni());
-    m_checkpoints->destroy(change->checkpoint, [this, held](const QDBusError& error) {
+    keep(m_changes.value(change->device->uni()), QString());
+}
+
+void ConfirmedChanges::keep(const std::shared_ptr<Change>& held, const QString& reason)
+{
+    // The client's confirmation and the probe's may cross.
+    if (held->confirming)
+        return;
+    held->confirming = true;
+    held->deadline.stop();
+    m_checkpoints->destroy(held->checkpoint, [this, held, reason](const QDBusError& error) {
         if (held->finished)
             return;
         if (error.isValid()) {
@@ -193,14 +232,14 @@ void ConfirmedChanges::confirm(const QJsonObject& payload)
                    QStringLiteral("NetworkManager undid the change before the confirmation: ") + error.message());
             return;
         }
-        whenFinished(held->connection->save(), this, [this, held](const QDBusPendingCall& saved) {
+        whenFinished(held->connection->save(), this, [this, held, reason](const QDBusPendingCall& saved) {
             if (saved.isError()) {
                 finish(held.get(), TransactionView::Failed,
                        QStringLiteral("NetworkManager could not save the profile: ") + saved.error().message());
                 return;
             }
             held->kind->store(*m_config, held->record);
-            finish(held.get(), TransactionView::Confirmed, QString());
+            finish(held.get(), TransactionView::Confirmed, reason);
         });
     });
 }

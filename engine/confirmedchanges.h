@@ -62,6 +62,9 @@ private:
     Change* find(const QJsonObject& payload, const QString& command);
     void onCheckpointCreated(Change* change, const QString& checkpoint);
     void onProvisioned(Change* change, NetworkManager::Connection::Ptr connection, const QString& refusal);
+    void probeLater(const std::shared_ptr<Change>& change);
+    // Drops the checkpoint, saves the profile and writes the record to the file.
+    void keep(const std::shared_ptr<Change>& change, const QString& reason);
     void rollBack(Change* change, TransactionView::State state, const QString& reason);
     void finish(Change* change, TransactionView::State state, const QString& reason);
     void publish(const Change& change);

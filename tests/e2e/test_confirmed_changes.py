@@ -142,3 +142,21 @@ def test_a_change_left_by_a_killed_tarvik_is_rolled_back_at_its_next_start(world
     assert addresses_of(world.nm.connection_settings(device.connection)) == []
     assert world.nm.checkpoints() == []
     assert config_keys(tarvik.config_path) == before
+
+
+@pytest.mark.parametrize("reachable", [True, False], ids=["reached", "unreachable"])
+def test_a_probe_that_is_reached_confirms_the_change_by_itself(world, mqtt, tarvik_binary, reachable):
+    device = scenarios.ethernet(world, active=True)
+    # Nothing listens on port 1.
+    probe = f"127.0.0.1:{world.broker.port if reachable else 1}"
+    tarvik = start(world, mqtt, config={"Changes": {"confirmProbe": probe}})
+    mqtt.command("ethernet/config/set", {**TRIAL, "confirmWithin": 10, "id": "probed"})
+    transaction(mqtt, "pending")
+    outcome = transaction(mqtt, "confirmed" if reachable else "rolledBack", 20)
+    if reachable:
+        assert outcome["reason"] == f"confirmed by reaching {probe}"
+        assert addresses_of(world.nm.saved_settings(device.connection)) == ["192.168.60.2"]
+        assert config_keys(tarvik.config_path)["Ethernet/address"] == "192.168.60.2"
+    else:
+        assert outcome["reason"] == "not confirmed within 10 s"
+        tarvik.wait_for_log(rf"\[Change\] Change 'probed' of eth0: {probe} not reached yet \(.+\)\.$")
