@@ -160,3 +160,20 @@ def test_a_probe_that_is_reached_confirms_the_change_by_itself(world, mqtt, tarv
     else:
         assert outcome["reason"] == "not confirmed within 10 s"
         tarvik.wait_for_log(rf"\[Change\] Change 'probed' of eth0: {probe} not reached yet \(.+\)\.$")
+
+
+def test_a_wrong_apn_on_trial_is_rolled_back_and_the_modem_connects_again(world, mqtt, tarvik_binary):
+    modem = scenarios.modem(world, profile="Broadband", active=True, apns="internet")
+    tarvik = start(world, mqtt, config={"Modem": {"apn": "internet"}})
+    mqtt.clear()
+    mqtt.command("modem/config/set", {"interface": "cdc-wdm0", "apn": "wrong.example", "confirmWithin": 10,
+                                      "id": "apn"})
+    transaction(mqtt, "pending")
+    # The network refuses the APN: the modem stays down until the rollback.
+    tarvik.wait_for_log(r"\[Modem\] State changed: Unavailable \(dev=cdc-wdm0, "
+                        r"reason=GsmApnSelectFailedReason\)\.$")
+    rolled_back = transaction(mqtt, "rolledBack", 20)
+    assert rolled_back["rollback"] == {"cdc-wdm0": "restored"}
+    world.nm.wait_device_state(modem.device, 100)
+    assert world.nm.connection_settings(modem.connection)["gsm"]["apn"] == "internet"
+    assert config_keys(tarvik.config_path)["Modem/apn"] == "internet"

@@ -37,6 +37,8 @@ KINDS = {
 }
 
 COUNTERS = {}
+# modem path -> the APNs its network accepts (empty: any)
+ACCEPTED_APNS = {}
 
 
 def next_number(kind):
@@ -58,6 +60,7 @@ def load(mock, parameters):
     '''Called by dbusmock with the Mock object at ROOT_OBJ; parameters from --parameters.'''
     mockbus.bind(mock)
     COUNTERS.clear()   # dbusmock's Reset() loads the template again: start from nothing
+    ACCEPTED_APNS.clear()
     mock.AddProperties(MM, {'Version': dbus.String(parameters.get('Version', '1.20.4'))})
     mock.AddMethods(MM, [
         ('ScanDevices', '', '', ''),
@@ -186,7 +189,12 @@ def bearer_props(options):
 
 
 def simple_connect(self, properties):
-    '''Modem.Simple.Connect as NetworkManager calls it: the modem's bearer, connected.'''
+    '''Modem.Simple.Connect as NetworkManager calls it: the modem's bearer, connected; an APN the network does
+    not accept is refused with the 3GPP cause a wrong APN gives.'''
+    accepted = ACCEPTED_APNS.get(self.path)
+    if accepted and str(properties.get('apn', '')) not in accepted:
+        raise dbus.exceptions.DBusException('Requested service option not subscribed',
+                                            name=MM + '.Error.MobileEquipment.GprsServiceOptionNotSubscribed')
     bearers = self.props[MODEM_IFACE]['Bearers']
     if not bearers:
         raise dbus.exceptions.DBusException('No bearer to connect', name=MM + '.Error.Core.Failed')
@@ -217,7 +225,8 @@ def AddModem(self, kind, options):
 
     Options: sim (b), bearer_interface (s, empty for none), signal (u), state (i), capabilities (u),
     manufacturer, model, revision, device_identifier, equipment_identifier, imei, operator_code,
-    operator_name, meid, esn, sim_identifier, imsi, apn.'''
+    operator_name, meid, esn, sim_identifier, imsi, apn, apns (the APNs the network accepts, comma separated;
+    empty: any).'''
     if kind not in KINDS:
         raise dbus.exceptions.DBusException(f'unknown modem kind {kind}', name='org.freedesktop.DBus.Mock.NameError')
     options = {str(k): v for k, v in options.items()}
@@ -239,6 +248,7 @@ def AddModem(self, kind, options):
         add_object(bearer, BEARER_IFACE, bearer_props(options), [('Connect', '', '', ''), ('Disconnect', '', '', '')])
         bearers.append(bearer)
 
+    ACCEPTED_APNS[path] = [apn for apn in str(options.get('apns', '')).split(',') if apn]
     modem = add_object(path, MODEM_IFACE, modem_props(options, capabilities, sim, bearers, number), [
         ('Enable', 'b', '', ''),
         ('ListBearers', '', 'ao', lambda self: self.props[MODEM_IFACE]['Bearers']),

@@ -7,7 +7,7 @@ from gi.repository import GLib
 
 from ..mockbus import add_object, emit_object_added, obj, path_order, paths, prop, remove_object, \
     set_props, u32
-from . import accesspoints, devices, ipconfig, profiles
+from . import accesspoints, devices, ipconfig, modemlink, profiles
 from .constants import AC_ACTIVATED, AC_ACTIVATING, AC_DEACTIVATED, AC_DEACTIVATING, ACTIVE_IFACE, DEVICE_IFACE, \
     MANAGER_OBJ, NM, REASON_NEW_ACTIVATION, REASON_NO_SECRETS, REASON_NONE, REASON_USER_REQUESTED, \
     STATE_ACTIVATED, STATE_CONFIG, STATE_DEACTIVATING, STATE_DISCONNECTED, STATE_FAILED, STATE_IP_CHECK, \
@@ -134,6 +134,8 @@ def activation_steps(active, device, is_wifi):
     record = W.connections[info['connection']]
     fail_reason = W.devices[device]['fail']
     W.devices[device]['fail'] = None
+    if fail_reason is None and int(prop(device, DEVICE_IFACE, 'DeviceType')) == TYPE_MODEM:
+        fail_reason = modemlink.connect_refusal(prop(device, DEVICE_IFACE, 'Udi'), record['settings'])
 
     def start():
         extra = {'ActiveConnection': dbus.ObjectPath(active)}
