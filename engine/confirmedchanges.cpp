@@ -278,6 +278,8 @@ void ConfirmedChanges::finish(Change* change, TransactionView::State state, cons
     change->view.state = state;
     change->view.reason = reason;
     publish(*change);
+    if (!m_brokerUp)
+        m_unsentOutcomes.append(change->view);
     log(state == TransactionView::Confirmed ? Log::Info : Log::Warning, "Change '%s' of %s %s%s%s",
         qPrintable(clientText(change->view.id)), qPrintable(change->view.interface),
         state == TransactionView::Confirmed ? "confirmed" : state == TransactionView::Failed ? "failed" : "rolled back",
@@ -305,6 +307,10 @@ void ConfirmedChanges::writeJournal()
 
 void ConfirmedChanges::onBrokerConnected()
 {
+    m_brokerUp = true;
+    for (const TransactionView& outcome : qAsConst(m_unsentOutcomes))
+        m_ipc->publish(Topic::Transaction, transactionDocument(outcome));
+    m_unsentOutcomes.clear();
     for (const auto& change : qAsConst(m_changes)) {
         if (!change->checkpoint.isEmpty())
             publish(*change);
@@ -313,6 +319,11 @@ void ConfirmedChanges::onBrokerConnected()
         m_journalResolved = true;
         resolveJournal();
     }
+}
+
+void ConfirmedChanges::onBrokerDisconnected()
+{
+    m_brokerUp = false;
 }
 
 void ConfirmedChanges::onNetworkManagerGone()

@@ -8,6 +8,7 @@
 #include <NetworkManagerQt/Connection>
 #include <NetworkManagerQt/Device>
 #include <QJsonObject>
+#include <QList>
 #include <QMap>
 #include <QObject>
 #include <QTimer>
@@ -53,6 +54,9 @@ public:
     // After a (re)connection to the broker: the pending documents again, and a journal left by a tarvik that
     // was stopped inside a window resolved.
     void onBrokerConnected();
+    // Outcomes reached from now until the next connection are sent again then: the session may be what the
+    // change cut.
+    void onBrokerDisconnected();
     // Its checkpoints and the changes held in its memory went with it: back, it loads the saved profiles.
     void onNetworkManagerGone();
 
@@ -78,6 +82,8 @@ private:
     const ChangeJournal m_journal;
     QMap<QString, std::shared_ptr<Change>> m_changes;   // by device
     bool m_journalResolved = false;
+    bool m_brokerUp = false;
+    QList<TransactionView> m_unsentOutcomes;
     const TaggedLog log{"[Change] "};
 };
 

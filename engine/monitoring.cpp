@@ -179,6 +179,9 @@ void Engine::monitorDevice(NetworkManager::Device::Ptr device)
     connect(device.data(), &NetworkManager::Device::stateChanged, this, &Engine::onDeviceStateChanged);
     connect(device.data(), &NetworkManager::Device::managedChanged, this, &Engine::onDeviceManagedChanged);
     connect(device.data(), &NetworkManager::Device::interfaceNameChanged, this, &Engine::onInterfaceNameChanged);
+    // The broker session may run over this device: an address that comes or goes can end its route.
+    connect(device.data(), &NetworkManager::Device::ipV4ConfigChanged, m_ipc.get(), &IPC::onNetworkChanged);
+    connect(device.data(), &NetworkManager::Device::ipV6ConfigChanged, m_ipc.get(), &IPC::onNetworkChanged);
 
     // Carrier changes of a wired device are seen through the state changes that follow them.
     if (const auto wireless = device.objectCast<NetworkManager::WirelessDevice>())
@@ -352,6 +355,7 @@ void Engine::onDeviceStateChanged(NetworkManager::Device::State newstate, Networ
         qPrintable(stateChangeReasonToString(reason)));
     m_publisher->publishState(device);
     followModemStats(device);
+    m_ipc->onNetworkChanged();
 }
 
 void Engine::onDeviceManagedChanged()

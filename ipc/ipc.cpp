@@ -1,6 +1,7 @@
 #include "ipc/ipc.h"
 
 #include "documents/documents.h"
+#include "ipc/brokerroute.h"
 #include "ipc/commandintake.h"
 #include "vocabulary/valuenames.h"
 
@@ -25,7 +26,11 @@ IPC::IPC(Config* config, QObject* parent)
     : QObject(parent)
     , m_config(config)
     , m_client(new MqttClient(this))
+    , m_reconnectTimer(new QTimer(this))
 {
+    m_reconnectTimer->setSingleShot(true);
+    m_reconnectTimer->setTimerType(Qt::PreciseTimer);
+    QObject::connect(m_reconnectTimer, &QTimer::timeout, this, &IPC::connect);
     qRegisterMetaType<Tarvik::MqttClient::ClientState>();
     qRegisterMetaType<Tarvik::MqttError::Code>();
 }
@@ -101,6 +106,7 @@ void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
         break;
     case MqttClient::Connected:
         m_connectTimer->stop();
+        m_lostRoutePeer.clear();
         log(Log::Info, "Connected.");
         subscribe("+/get");
         subscribe("+/+/get");
@@ -113,9 +119,27 @@ void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
         log(Log::Info, "Disconnected.");
         emit disconnected();
         // Retried for as long as the service runs, whatever ended the session.
-        QTimer::singleShot(ReconnectDelayMs, Qt::PreciseTimer, this, &IPC::connect);
+        m_reconnectTimer->start(ReconnectDelayMs);
         break;
     }
+}
+
+void IPC::onNetworkChanged()
+{
+    if (m_client->state() == MqttClient::Connected) {
+        const BrokerRoute::Ends ends = BrokerRoute::ofSocket(m_client->socketDescriptor());
+        if (ends.local.isNull() || ends.local.isLoopback()
+            || BrokerRoute::sourceFor(ends.peer, ends.peerPort).isEqual(ends.local))
+            return;
+        log(Log::Info, "The route to the broker from %s is gone: connecting again.",
+            ends.local.toString().toLocal8Bit().constData());
+        m_lostRoutePeer = ends.peer;
+        m_lostRoutePort = ends.peerPort;
+        m_client->closeTransport();
+    }
+    if (m_reconnectTimer->isActive() && !m_lostRoutePeer.isNull()
+        && !BrokerRoute::sourceFor(m_lostRoutePeer, m_lostRoutePort).isNull())
+        m_reconnectTimer->start(0);
 }
 
 void IPC::onMqttErrorChanged(Tarvik::MqttError::Code err)

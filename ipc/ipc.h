@@ -4,6 +4,7 @@
 #include "ipc/mqttclient.h"
 #include "log/taggedlog.h"
 
+#include <QHostAddress>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
@@ -66,6 +67,9 @@ public slots:
     void publishNetworkInfo();
     void publishModemStats(const QMap<QString, QMap<QString, double> >& stats);
     void publishError(const QString& command, const QString& error);
+    // Something in the network changed: a session whose route is gone is opened again at once, and a session
+    // lost that way is not left waiting for its next attempt once a route is back.
+    void onNetworkChanged();
 
 private slots:
     void onMqttStateChanged(Tarvik::MqttClient::ClientState state);
@@ -79,6 +83,10 @@ private:
     Config* m_config = nullptr;
     MqttClient* m_client = nullptr;
     QTimer* m_connectTimer = nullptr;
+    QTimer* m_reconnectTimer = nullptr;
+    // Where the session that ended for a lost route went, while no new one has come up.
+    QHostAddress m_lostRoutePeer;
+    quint16 m_lostRoutePort = 0;
     int m_attempts = 0;
     QStringList m_extraFilters;
     TaggedLog log{"[IPC] "};

@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <mosquitto.h>
 
+#include <QHostAddress>
 #include <QHostInfo>
 #include <QMetaObject>
 #include <QPointer>
@@ -116,6 +117,7 @@ struct MqttClient::Private {
     void releaseBurstMemory();
 
     void onHostFound(const QHostInfo& found);
+    void connectTo(const QByteArray& host);
     void abortLookup();
     void failSoon(ClientError e);
 
@@ -398,6 +400,11 @@ MqttClient::ClientState MqttClient::state() const
     return d->state;
 }
 
+int MqttClient::socketDescriptor() const
+{
+    return d->mosq ? mosquitto_socket(d->mosq) : -1;
+}
+
 MqttClient::ClientError MqttClient::error() const
 {
     return d->error;
@@ -420,6 +427,13 @@ void MqttClient::connectToHost()
     if (d->state != Connecting)
         return;
 
+    // An address needs no lookup: Qt would ask the resolver for its name, and a gateway whose resolver is
+    // out of reach would wait for that before every connection.
+    const QHostAddress literal(d->hostname);
+    if (!literal.isNull()) {
+        d->connectTo(literal.toString().toUtf8());
+        return;
+    }
     // The name is looked up away from the loop: a slow resolver must not hold up the service.
     d->lookupId = QHostInfo::lookupHost(d->hostname, this, [this](const QHostInfo& found) { d->onHostFound(found); });
 }
@@ -436,7 +450,11 @@ void MqttClient::Private::onHostFound(const QHostInfo& found)
         flush();
         return;
     }
-    const QByteArray host = addressOf(found, attempt);
+    connectTo(addressOf(found, attempt));
+}
+
+void MqttClient::Private::connectTo(const QByteArray& host)
+{
     const int rc = mosquitto_connect_async(mosq, host.constData(), port, keepAlive);
     if (rc == MOSQ_ERR_SUCCESS) {
         syncNotifiers();

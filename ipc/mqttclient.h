@@ -48,6 +48,8 @@ public:
     void setAttempt(int attempt);
 
     ClientState state() const;
+    // The connection's socket, or -1 while there is none.
+    int socketDescriptor() const;
     ClientError error() const;
 
     void connectToHost();

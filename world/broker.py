@@ -7,10 +7,11 @@ import subprocess
 from processes import free_port, kill_group, spawn, wait_until
 
 class Broker:
-    '''mosquitto on 127.0.0.1, on a port chosen per run; stop() and start() keep the port.'''
+    '''mosquitto on 127.0.0.1 (or the host given), on a port chosen per run; stop() and start() keep the port.'''
 
-    def __init__(self, directory, port=None, users=None, extra_config=()):
+    def __init__(self, directory, port=None, users=None, extra_config=(), host='127.0.0.1'):
         self.directory = directory
+        self.host = host
         self.extra_config = list(extra_config)
         self.port = port or free_port()
         self.users = users or {}
@@ -20,7 +21,7 @@ class Broker:
         self.log_file = os.path.join(directory, 'mosquitto.log')
 
     def _write_config(self):
-        lines = [f'listener {self.port} 127.0.0.1', 'set_tcp_nodelay true', 'log_dest stderr',
+        lines = [f'listener {self.port} {self.host}', 'set_tcp_nodelay true', 'log_dest stderr',
                  'log_type error', 'log_type warning', 'log_type notice', 'log_type information',
                  'persistence false']
         if self.users:
@@ -48,7 +49,7 @@ class Broker:
             if self.proc.poll() is not None:
                 raise RuntimeError(f'mosquitto exited with {self.proc.returncode}; see {self.log_file}')
             try:
-                socket.create_connection(('127.0.0.1', self.port), timeout=0.5).close()
+                socket.create_connection((self.host, self.port), timeout=0.5).close()
                 return True
             except OSError:
                 return False

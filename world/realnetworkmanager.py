@@ -20,7 +20,8 @@ import subprocess
 import dbus
 
 from broker import Broker
-from dbusvalues import plain
+from dbusvalues import dbus_settings, plain
+from profiles import gsm_profile
 from processes import kill_group, log_tail, spawn, wait_until
 from services import NM_BUS, ModemManager, NetworkManager
 from tarvikprocess import Tarvik
@@ -28,6 +29,7 @@ from world import World
 
 DATA_PORT = 'wwan0'
 MODEM_DEVICE = 'cdc-wdm0'   # the simulated modem's primary port, the daemon's name for it
+MODEM_PROFILE = 'Broadband'
 OWN_DEVICE = 'tv0'
 MANAGED_PREFIX = 'tv'
 # Each link of the daemon and the subnet dnsmasq serves on it (the daemon's end gets <subnet>.2).
@@ -262,6 +264,12 @@ class RealNetworkManager(NetworkManager):
             return found[:found.index(mark)] if mark in found else None
         return wait_until(read, 10, 'the bus monitor')
 
+    def add_and_activate(self, settings, device):
+        '''A saved profile, activated on the device; returns the profile's path.'''
+        manager = '/org/freedesktop/NetworkManager'
+        return self._call(manager, NM_BUS, 'AddAndActivateConnection', dbus_settings(settings),
+                          dbus.ObjectPath(device), dbus.ObjectPath('/'))[0]
+
     def wait_for_device(self, iface, state, timeout=30):
         '''The path of the device once it is in the state.'''
         def ready():
@@ -271,8 +279,8 @@ class RealNetworkManager(NetworkManager):
 
 
 class _NamespacedBroker(Broker):
-    def __init__(self, netns, *args):
-        super().__init__(*args)
+    def __init__(self, netns, *args, **kwargs):
+        super().__init__(*args, **kwargs)
         self.netns = netns
 
     def start(self, timeout=10):
@@ -288,17 +296,31 @@ class _NamespacedTarvik(Tarvik):
 class RealWorld(World):
     '''A World (see world.py) whose NetworkManager is the real daemon: w.nm reads it back, w.daemon runs it.
 
-    w.mm is the simulated ModemManager; the modem to connect is added by start(). Making or starting one
-    raises Unavailable when the machine cannot run the daemon (and leaves nothing behind).'''
+    w.mm is the simulated ModemManager; the modem to connect is added by start() (with modem_options for
+    add_modem). Making or starting one raises Unavailable when the machine cannot run the daemon (and leaves
+    nothing behind).
 
-    def __init__(self, **kwargs):
+    With broker_over_modem the broker sits at the far end of the modem's data port, as a fleet's central broker
+    behind a cellular uplink: tarvik reaches it only while the modem is connected (start() connects it with a
+    profile of its own), the test clients from beside it.'''
+
+    def __init__(self, broker_over_modem=False, modem_options=None, **kwargs):
         reason = unavailable()
         if reason:
             raise Unavailable(reason)
         super().__init__(**kwargs)
         self.daemon = NetworkManagerDaemon(self.bus, self.directory)
-        self.broker = _NamespacedBroker(self.daemon.netns, self.directory)
+        self.broker_over_modem = broker_over_modem
+        self.modem_options = modem_options or {}
+        if broker_over_modem:
+            self.broker = _NamespacedBroker(self.daemon.peer, self.directory, host=SUBNETS[DATA_PORT] + '.1')
+        else:
+            self.broker = _NamespacedBroker(self.daemon.netns, self.directory)
         self.modem = None
+
+    @property
+    def client_namespace(self):
+        return self.daemon.peer if self.broker_over_modem else self.daemon.netns
 
     def start(self):
         try:
@@ -313,13 +335,23 @@ class RealWorld(World):
         self.mm_service = self.modemmanager_service()
         self.mm_service.start()
         self.mm = ModemManager(self.bus)
-        self.modem = self.mm.add_modem('gsm', bearer_interface=DATA_PORT)
+        self.modem = self.mm.add_modem('gsm', bearer_interface=DATA_PORT, **self.modem_options)
         self.nm_service = self.daemon
         self.daemon.start()
         self.nm = self.daemon.manager()
-        self.nm.wait_for_device(MODEM_DEVICE, state=30)
+        modem = self.nm.wait_for_device(MODEM_DEVICE, state=30)
         self.nm.wait_for_device(OWN_DEVICE, state=30)
         wait_until(lambda: not self.nm.manager_property('Startup'), 30, 'NetworkManager to finish starting')
+        if self.broker_over_modem:
+            profile = gsm_profile(MODEM_PROFILE, apn=self.modem_options.get('apn', 'internet'))
+            profile['ipv6'] = {'method': 'ignore'}
+            self.nm.add_and_activate(profile, modem)
+            self.nm.wait_for_device(MODEM_DEVICE, state=100)
+
+    def tarvik_config(self):
+        config = super().tarvik_config()
+        config['Mqtt']['url'] = self.broker.host
+        return config
 
     def tarvik(self, config=None, start=True, **kwargs):
         t = _NamespacedTarvik(self, config=config, **kwargs)
@@ -328,8 +360,8 @@ class RealWorld(World):
 
     def mqtt(self, subscribe=None, qos=2, **kwargs):
         # The client's network thread is born in the namespace and reconnects there.
-        with self.daemon.netns.entered():
-            return super().mqtt(subscribe, qos, **kwargs)
+        with self.client_namespace.entered():
+            return super().mqtt(subscribe, qos, host=self.broker.host, **kwargs)
 
     def counters(self, iface=DATA_PORT):
         '''(rx_bytes, tx_bytes) of a link of the daemon's namespace.'''

@@ -39,6 +39,8 @@ KINDS = {
 COUNTERS = {}
 # modem path -> the APNs its network accepts (empty: any)
 ACCEPTED_APNS = {}
+# modem path -> what its bearer's data link is given at each connect
+LINKS = {}
 
 
 def next_number(kind):
@@ -61,6 +63,7 @@ def load(mock, parameters):
     mockbus.bind(mock)
     COUNTERS.clear()   # dbusmock's Reset() loads the template again: start from nothing
     ACCEPTED_APNS.clear()
+    LINKS.clear()
     mock.AddProperties(MM, {'Version': dbus.String(parameters.get('Version', '1.20.4'))})
     mock.AddMethods(MM, [
         ('ScanDevices', '', '', ''),
@@ -170,13 +173,24 @@ def sim_props(options):
     }
 
 
+def ip4_config(options, connects):
+    '''DHCP on the data port, or with the option "addresses" (comma separated, a /24 each, its .1 the gateway) a
+    static address that changes at every connect, as carriers hand them out.'''
+    addresses = [a for a in str(options.get('addresses', '')).split(',') if a]
+    if not addresses:
+        return dbus.Dictionary({'method': u32(3)}, signature='sv')
+    address = addresses[connects % len(addresses)]
+    return dbus.Dictionary({'method': u32(2), 'address': dbus.String(address), 'prefix': u32(24),
+                            'gateway': dbus.String(address.rsplit('.', 1)[0] + '.1')}, signature='sv')
+
+
 def bearer_props(options):
     return {
         'Interface': dbus.String(options['bearer_interface']),
         'Connected': dbus.Boolean(options.get('bearer_connected', True)),
         'Suspended': False,
         'Multiplexed': False,
-        'Ip4Config': dbus.Dictionary({'method': u32(3)}, signature='sv'),
+        'Ip4Config': ip4_config(options, 0),
         'Ip6Config': dbus.Dictionary({'method': u32(0)}, signature='sv'),
         'Stats': dbus.Dictionary({}, signature='sv'),
         'ReloadStatsSupported': False,
@@ -198,7 +212,10 @@ def simple_connect(self, properties):
     bearers = self.props[MODEM_IFACE]['Bearers']
     if not bearers:
         raise dbus.exceptions.DBusException('No bearer to connect', name=MM + '.Error.Core.Failed')
-    set_props(str(bearers[0]), BEARER_IFACE, {'Connected': dbus.Boolean(True)})
+    link = LINKS[self.path]
+    link['connects'] += 1
+    set_props(str(bearers[0]), BEARER_IFACE, {'Connected': dbus.Boolean(True),
+                                               'Ip4Config': ip4_config(link['options'], link['connects'] - 1)})
     return bearers[0]
 
 
@@ -226,7 +243,7 @@ def AddModem(self, kind, options):
     Options: sim (b), bearer_interface (s, empty for none), signal (u), state (i), capabilities (u),
     manufacturer, model, revision, device_identifier, equipment_identifier, imei, operator_code,
     operator_name, meid, esn, sim_identifier, imsi, apn, apns (the APNs the network accepts, comma separated;
-    empty: any).'''
+    empty: any), addresses (static addresses handed out in turn at each connect; empty: DHCP).'''
     if kind not in KINDS:
         raise dbus.exceptions.DBusException(f'unknown modem kind {kind}', name='org.freedesktop.DBus.Mock.NameError')
     options = {str(k): v for k, v in options.items()}
@@ -249,6 +266,7 @@ def AddModem(self, kind, options):
         bearers.append(bearer)
 
     ACCEPTED_APNS[path] = [apn for apn in str(options.get('apns', '')).split(',') if apn]
+    LINKS[path] = {'options': options, 'connects': 0}
     modem = add_object(path, MODEM_IFACE, modem_props(options, capabilities, sim, bearers, number), [
         ('Enable', 'b', '', ''),
         ('ListBearers', '', 'ao', lambda self: self.props[MODEM_IFACE]['Bearers']),
