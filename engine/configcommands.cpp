@@ -4,6 +4,7 @@
 #include "engine/devicekind.h"
 #include "engine/confirmedchanges.h"
 #include "engine/devicework.h"
+#include "engine/recordtexts.h"
 
 namespace Tarvik {
 
@@ -33,6 +34,12 @@ void Engine::applyConfigSet(const DeviceKind& kind, const QJsonObject& payload)
         || !m_changes->acceptAnotherChange(device->uni(), errorCommand))
         return;
     if (request.asked) {
+        const QString textError = recordTextError(record);
+        if (!textError.isEmpty()) {
+            log(Log::Error, "Configuration refused: %s", qPrintable(textError));
+            m_ipc->publishError(errorCommand, textError);
+            return;
+        }
         m_changes->begin(kind, device, record, payload, request);
         return;
     }

@@ -101,9 +101,20 @@ def test_a_change_the_daemon_refuses_fails_and_is_undone(world, mqtt, wired):
     ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": "60"}), "confirmWithin must be a whole number of seconds from 10 to 3600"),
     ("ethernet/config/set", off_contract({**TRIAL, "confirmWithin": 60, "id": ""}), "id must be a text of 1 to 64 characters"),
     ("transaction/confirm", {"id": "nothing\nhere"}, "No change waiting for confirmation: 'nothing\\nhere'"),
-], ids=["short", "long", "fraction", "text", "empty-id", "unknown-id"])
-def test_refused_requests_change_nothing(world, mqtt, wired, command, payload, error):
-    device, tarvik = wired
+    # What NetworkManager would refuse is refused before a checkpoint is taken.
+    ("wifi/config/set", {"interface": "wlan0", "ssid": "S" * 33, "key": "homenet-secret", "confirmWithin": 60},
+     "ssid must be 1 to 32 bytes"),
+    ("wifi/config/set", {"interface": "wlan0", "ssid": "HomeNet", "key": "1234567", "confirmWithin": 60},
+     "key must be 8 to 63 printable characters, 64 hexadecimal digits or a WEP key"),
+    ("modem/config/set", {"interface": "cdc-wdm0", "apn": "inter net", "confirmWithin": 60},
+     "apn must be at most 64 characters of A-Z, a-z, 0-9, '.', '_' and '-'"),
+], ids=["short", "long", "fraction", "text", "empty-id", "unknown-id", "ssid", "key", "apn"])
+def test_refused_requests_change_nothing(world, mqtt, tarvik_binary, command, payload, error):
+    scenarios.ethernet(world, active=True)
+    scenarios.wifi(world)
+    scenarios.modem(world)
+    tarvik = start(world, mqtt)
+    mqtt.clear()
     before = config_keys(tarvik.config_path)
     if command.startswith("transaction/"):
         # tarvik listens for these once a change was put on trial.
@@ -113,8 +124,9 @@ def test_refused_requests_change_nothing(world, mqtt, wired, command, payload, e
     world.nm.clear_calls()
     mqtt.command(command, payload)
     answer = mqtt.wait_for(mqtt.topic("error"))
-    # The wired set command's errors go out under "ethernet/config/get", as all of them do.
-    assert answer.json == {"command": command.replace("/set", "/get"), "error": error}
+    # The wired and Wi-Fi set commands' errors go out under their "get", as all of them do; the modem's not.
+    named = command if command.startswith("modem/") else command.replace("/set", "/get")
+    assert answer.json == {"command": named, "error": error}
     assert config_keys(tarvik.config_path) == before
     assert not [c for c in world.nm.calls() if c["method"] in ("CheckpointCreate", "Update", "UpdateUnsaved")]
 

@@ -107,6 +107,14 @@ def verify(sent, settings):
     gsm = sent.get('gsm', {})
     if 'password' in gsm and str(gsm['password']) == '':
         raise invalid_property('gsm.password: property is empty')
+    apn = str(gsm.get('apn', ''))
+    if len(apn.encode()) > 64:
+        raise invalid_property(f"gsm.apn: property value '{apn}' is empty or too long (>64)")
+    if any(not (c.isascii() and (c.isalnum() or c in '._-')) for c in apn):
+        raise invalid_property(f"gsm.apn: '{apn}' contains invalid char(s) (use [A-Za-z._-])")
+    ssid = sent.get('802-11-wireless', {}).get('ssid')
+    if ssid is not None and not 1 <= len(ssid) <= 32:
+        raise invalid_property('802-11-wireless.ssid: SSID length is out of range <1-32> bytes')
     ipv4 = settings.get('ipv4', {})
     method = str(ipv4.get('method', 'auto'))
     if method in ('link-local', 'disabled'):
