@@ -71,11 +71,12 @@ def modem(world, kind='gsm', iface='cdc-wdm0', bearer_interface='wwan0', signal=
 
 def demo(world):
     '''eth0 with carrier and a saved "Ethernet" profile; wlan0 seeing open, WEP, WPA2 and WPA1+WPA2
-    networks, connected to HomeNet; a GSM modem with SIM, bearer wwan0 and signal 67.'''
+    networks, connected to HomeNet; a GSM modem with SIM, bearer wwan0 and signal 67, whose network accepts
+    the APN "internet" only (any other fails its activation, as a wrong APN does).'''
     world.nm.add_device('lo', 32, state=10, udi='/sys/devices/virtual/net/lo')
     eth = ethernet(world)
     wlan = wifi(world, profile_ssid='HomeNet', active=True)
-    gsm = modem(world, 'gsm')
+    gsm = modem(world, 'gsm', apns='internet')
     return SimpleNamespace(ethernet=eth, wifi=wlan, modem=gsm)
 
 
