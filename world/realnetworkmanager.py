@@ -172,19 +172,32 @@ class NetworkManagerDaemon:
     def start(self, timeout=30):
         os.makedirs(self.directory, exist_ok=True)
         self.create_links()
-        env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus.address)
-        self.proc = spawn(self.command(), env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                          stderr=open(self.log_file, 'wb'))
+        self._spawn('wb')
         # The daemon keeps no call log: a monitor writes every call made to it and every device state change.
         self.monitor = spawn(['dbus-monitor', '--address', self.bus.address, '--profile',
                               f"type='method_call',destination='{NM_BUS}'",
                               "type='signal',interface='org.freedesktop.NetworkManager.Device',member='StateChanged'"],
                              stdin=subprocess.DEVNULL, stdout=open(self.bus_log_file, 'wb'),
                              stderr=subprocess.DEVNULL)
+        version = self._wait_ready(timeout)
+        self.version = f'NetworkManager {run("NetworkManager", "--version").strip()} (D-Bus Version {version})'
+
+    def restart(self, timeout=30):
+        """Stopped as its service would be (its unsaved profiles and checkpoints go with it) and started again on
+        the same links, files and keyfiles."""
+        kill_group(self.proc)
+        self._spawn('ab')
+        self._wait_ready(timeout)
+
+    def _spawn(self, log_mode):
+        env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus.address)
+        self.proc = spawn(self.command(), env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                          stderr=open(self.log_file, log_mode))
+
+    def _wait_ready(self, timeout):
         self.bus.wait_for_name(NM_BUS, self.proc, timeout, self.log_file)
         # The name comes before the objects: the manager answers once it is exported.
-        version = wait_until(self._version, timeout, 'the NetworkManager object', interval=0.01)
-        self.version = f'NetworkManager {run("NetworkManager", "--version").strip()} (D-Bus Version {version})'
+        return wait_until(self._version, timeout, 'the NetworkManager object', interval=0.01)
 
     def _version(self):
         try:

@@ -2,8 +2,9 @@
 
 The simulated ModemManager's network accepts two APNs and hands out a new address at every connect, as a
 carrier does; the broker sits at the far end of the modem's data port. A change that cuts the modem off cuts
-tarvik off its broker: only the daemon's checkpoint can bring it back. Skipped where the daemon cannot run.
-"""
+tarvik off its broker: only the daemon's checkpoint can bring it back. A good change is kept once the client
+or the probe confirms it; a restart of the daemon inside the window falls back to the saved profile. Skipped
+where the daemon cannot run."""
 
 import os
 import re
@@ -15,7 +16,7 @@ from conftest import stopped_after
 from realnetworkmanager import DATA_PORT, MODEM_DEVICE as MODEM, MODEM_PROFILE, RealWorld, Unavailable
 from world import config_keys, wait_until
 
-GOOD_APN, WRONG_APN = "internet", "wrong.example"
+GOOD_APN, OTHER_APN, WRONG_APN = "internet", "internet.other", "wrong.example"
 # The address the carrier gives at each connect, in turn.
 ADDRESSES = [f"10.64.0.{n}" for n in range(2, 40)]
 
@@ -24,7 +25,7 @@ ADDRESSES = [f"10.64.0.{n}" for n in range(2, 40)]
 def real(request):
     try:
         world = RealWorld(broker_over_modem=True,
-                          modem_options={"apns": GOOD_APN, "addresses": ",".join(ADDRESSES)}).start()
+                          modem_options={"apns": f"{GOOD_APN},{OTHER_APN}", "addresses": ",".join(ADDRESSES)}).start()
     except Unavailable as reason:
         pytest.skip(str(reason))
     with stopped_after(request, world):
@@ -96,9 +97,10 @@ def settled(real, seconds=1.0):
 
 
 def try_apn(real, client, apn, change_id, within):
-    """Sends the change once the modem has settled; returns the modem's address before it."""
+    """Sends the change (a whole record: a missing method means link-local) once the modem has settled; returns
+    the modem's address before it."""
     before = settled(real)
-    client.command("modem/config/set", {"interface": MODEM, "apn": apn, "confirmWithin": within, "id": change_id})
+    client.command("modem/config/set", {"interface": MODEM, "apn": apn, "method": "auto", "confirmWithin": within, "id": change_id})
     return before
 
 
@@ -130,6 +132,41 @@ def test_a_wrong_apn_never_loses_the_gateway(real, start, killed):
         assert rolled_back["rollback"] == {MODEM: "restored"}
     back_on_the_broker(real, tarvik, before)
     print(f"\nrollback: broker session back {back - deadline:.2f} s after the deadline")
+    assert profile_apn(real) == GOOD_APN and keyfile_apn(real) == GOOD_APN
+    assert config_keys(tarvik.config_path)["Modem/apn"] == GOOD_APN
+    assert real.nm.checkpoints() == []
+
+
+
+@pytest.mark.parametrize("confirmed_by", ["client", "probe"])
+def test_a_good_apn_confirmed_is_saved(real, start, confirmed_by):
+    probe = f"{real.broker.host}:{real.broker.port}"
+    tarvik, client = start({"Changes": {"confirmProbe": probe}} if confirmed_by == "probe" else None)
+    change_id = f"apn-{confirmed_by}"
+    before = try_apn(real, client, OTHER_APN, change_id, 60)
+    transaction(client, change_id, "pending")
+    back_on_the_broker(real, tarvik, before)
+    if confirmed_by == "client":
+        client.command("transaction/confirm", {"id": change_id})
+    confirmed = transaction(client, change_id, "confirmed", 30)
+    if confirmed_by == "probe":
+        assert confirmed["reason"] == f"confirmed by reaching {probe}"
+    assert profile_apn(real) == OTHER_APN and keyfile_apn(real) == OTHER_APN
+    assert config_keys(tarvik.config_path)["Modem/apn"] == OTHER_APN
+    assert real.nm.checkpoints() == []
+
+
+def test_a_networkmanager_restart_in_the_window_falls_back_to_the_saved_profile(real, start):
+    tarvik, client = start()
+    before = try_apn(real, client, OTHER_APN, "apn-restart", 60)
+    transaction(client, "apn-restart", "pending")
+    back_on_the_broker(real, tarvik, before)
+    assert profile_apn(real) == OTHER_APN
+    real.daemon.restart()
+    rolled_back = transaction(client, "apn-restart", "rolledBack", 40)
+    assert rolled_back["reason"] == "NetworkManager restarted during the change"
+    real.nm.wait_for_device(MODEM, 100, timeout=40)
+    client.sync()
     assert profile_apn(real) == GOOD_APN and keyfile_apn(real) == GOOD_APN
     assert config_keys(tarvik.config_path)["Modem/apn"] == GOOD_APN
     assert real.nm.checkpoints() == []
