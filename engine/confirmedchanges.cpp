@@ -277,9 +277,7 @@ void ConfirmedChanges::finish(Change* change, TransactionView::State state, cons
     change->deadline.stop();
     change->view.state = state;
     change->view.reason = reason;
-    publish(*change);
-    if (!m_brokerUp)
-        m_unsentOutcomes.append(change->view);
+    publishOutcome(change->view);
     log(state == TransactionView::Confirmed ? Log::Info : Log::Warning, "Change '%s' of %s %s%s%s",
         qPrintable(clientText(change->view.id)), qPrintable(change->view.interface),
         state == TransactionView::Confirmed ? "confirmed" : state == TransactionView::Failed ? "failed" : "rolled back",
@@ -291,6 +289,14 @@ void ConfirmedChanges::finish(Change* change, TransactionView::State state, cons
 void ConfirmedChanges::publish(const Change& change)
 {
     m_ipc->publish(Topic::Transaction, transactionDocument(change.view));
+}
+
+// An outcome can be sent into a session whose route just went (the change, or the daemon leaving, may be what
+// took it) and be lost with it: the last outcome of each device goes out again at every new session.
+void ConfirmedChanges::publishOutcome(const TransactionView& outcome)
+{
+    m_outcomes.insert(outcome.interface, outcome);
+    m_ipc->publish(Topic::Transaction, transactionDocument(outcome));
 }
 
 void ConfirmedChanges::writeJournal()
@@ -307,10 +313,8 @@ void ConfirmedChanges::writeJournal()
 
 void ConfirmedChanges::onBrokerConnected()
 {
-    m_brokerUp = true;
-    for (const TransactionView& outcome : qAsConst(m_unsentOutcomes))
+    for (const TransactionView& outcome : qAsConst(m_outcomes))
         m_ipc->publish(Topic::Transaction, transactionDocument(outcome));
-    m_unsentOutcomes.clear();
     for (const auto& change : qAsConst(m_changes)) {
         if (!change->checkpoint.isEmpty())
             publish(*change);
@@ -319,11 +323,6 @@ void ConfirmedChanges::onBrokerConnected()
         m_journalResolved = true;
         resolveJournal();
     }
-}
-
-void ConfirmedChanges::onBrokerDisconnected()
-{
-    m_brokerUp = false;
 }
 
 void ConfirmedChanges::onNetworkManagerGone()
@@ -346,14 +345,14 @@ void ConfirmedChanges::resolveJournal()
             TransactionView view{entry.id, entry.command, entry.interface, TransactionView::RolledBack,
                                  entry.deadline, QStringLiteral("service restarted during the change"), {}};
             if (!held.contains(entry.checkpoint)) {
-                m_ipc->publish(Topic::Transaction, transactionDocument(view));
+                publishOutcome(view);
                 continue;
             }
             m_checkpoints->rollback(entry.checkpoint, [this, view](const Checkpoints::Results& results,
                                                                    const QDBusError&) mutable {
                 if (!results.isEmpty())
                     view.rollbackResults.insert(view.interface, results.first());
-                m_ipc->publish(Topic::Transaction, transactionDocument(view));
+                publishOutcome(view);
             });
         }
     });

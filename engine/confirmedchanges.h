@@ -51,12 +51,9 @@ public:
                const QJsonObject& payload, const ChangeRequest& request);
     void confirm(const QJsonObject& payload);
     void rollback(const QJsonObject& payload);
-    // After a (re)connection to the broker: the pending documents again, and a journal left by a tarvik that
-    // was stopped inside a window resolved.
+    // After a (re)connection to the broker: the last outcomes and the pending documents again, and a journal
+    // left by a tarvik that was stopped inside a window resolved.
     void onBrokerConnected();
-    // Outcomes reached from now until the next connection are sent again then: the session may be what the
-    // change cut.
-    void onBrokerDisconnected();
     // Its checkpoints and the changes held in its memory went with it: back, it loads the saved profiles.
     void onNetworkManagerGone();
 
@@ -72,6 +69,7 @@ private:
     void rollBack(Change* change, TransactionView::State state, const QString& reason);
     void finish(Change* change, TransactionView::State state, const QString& reason);
     void publish(const Change& change);
+    void publishOutcome(const TransactionView& outcome);
     void writeJournal();
     void resolveJournal();
 
@@ -82,8 +80,7 @@ private:
     const ChangeJournal m_journal;
     QMap<QString, std::shared_ptr<Change>> m_changes;   // by device
     bool m_journalResolved = false;
-    bool m_brokerUp = false;
-    QList<TransactionView> m_unsentOutcomes;
+    QMap<QString, TransactionView> m_outcomes;   // the last one of each device, by interface
     const TaggedLog log{"[Change] "};
 };
 

@@ -127,7 +127,6 @@ void Engine::onIPCDiscconnected()
 {
     log(Log::Info, "IPC Disconnected.");
     m_brokerConnected = false;
-    m_changes->onBrokerDisconnected();
 }
 
 void Engine::onIPCCommandReceived(const QString& command, const QJsonObject& data)
