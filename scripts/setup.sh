@@ -12,8 +12,9 @@ packages=(
   qtbase5-dev libkf5networkmanagerqt-dev modemmanager-qt-dev libmosquitto-dev
   mosquitto mosquitto-clients dbus python3 python3-dbusmock python3-dbus python3-gi
   python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml faketime iproute2 util-linux procps
-  dpkg-dev file lintian systemd python3-seccomp
+  dpkg-dev file lintian systemd
   network-manager dnsmasq-base
+  systemd-container mmdebstrap
   clang-14 libclang-rt-14-dev
 )
 # The AsyncAPI parser that checks docs/asyncapi.yaml comes from npm (any Node.js the machine has will do).

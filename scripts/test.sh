@@ -7,8 +7,8 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 "$here/scripts/setup.sh"
 ctest --test-dir "$here/build" --output-on-failure -j 2
-# The real-daemon tier names the NetworkManager it ran against, or why it could not run.
-grep -h '^real daemon:' "$here/build/Testing/Temporary/LastTest.log" || true
+# The real-daemon tier and the booted system name what they ran against, or why they could not run.
+grep -h -e '^real daemon:' -e '^booted:' "$here/build/Testing/Temporary/LastTest.log" || true
 
 TARVIK_BUILD_DIR="$here/build-sanitize" TARVIK_BUILD_TYPE=Debug TARVIK_CMAKE_ARGS="-DTARVIK_SANITIZE=ON" \
   "$here/scripts/setup.sh"

@@ -1,138 +1,218 @@
-"""The Debian package: lintian, its systemd unit, and the packaged tarvik started as the unit starts it,
-under the unit's confinement (unitsandbox.py), against the simulated world."""
+"""The Debian package as a user installs it: lintian, then a Debian 12 system booted with its own systemd
+(bootedsystem.py) where the .deb is installed with apt and the service runs under its hardened unit beside the
+real NetworkManager, mosquitto and the simulated ModemManager. The tests run in order on one booted system."""
 
 import glob
 import os
 import re
 import shutil
-import stat
 import subprocess
-import tempfile
+import time
 
 import pytest
 
-import scenarios
-import unitsandbox
+import bootedsystem
+from bootedsystem import DATA_PORT, journal_cursor, wait_for_journal
+from contract import off_contract
 from engineflow import usage_totals
+from mqttclient import MqttClient
+from services import MM_BUS, ModemManager
 from world import config_keys, wait_until
 
-SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'unitsandbox.py')
 BASE = 'tolv/network'
-
-
-@pytest.fixture(autouse=True)
-def worlds_outside_home(monkeypatch):
-    # The unit hides /root and /home: the bus socket must not live there.
-    monkeypatch.setenv('TARVIK_WORLD_DIR', '/var/tmp')
+CONFIG = '/etc/tarvik/tarvik.conf'
+STATS = '/var/lib/tarvik/stats/modem.ini'
+MODEM = 'cdc-wdm0'
+RESTART_SEC = 10
 
 
 @pytest.fixture(scope='module')
-def package():
+def deb():
     debs = glob.glob(os.path.join(os.environ.get('TARVIK_PACKAGE_DIR', '-'), 'tarvik_*.deb'))
     if len(debs) != 1 or os.geteuid() != 0:
         pytest.skip('needs root and the package built by CTest (TARVIK_PACKAGE_DIR)')
-    directory = tempfile.mkdtemp(prefix='tarvik-package-', dir='/var/tmp')
-    root = os.path.join(directory, 'root')
-    unitsandbox.extract(debs[0], root)
-    yield debs[0], root
-    shutil.rmtree(directory)
-
-
-def sandbox(root, state, *command):
-    return subprocess.run(['unshare', '--mount', '--propagation', 'private', SANDBOX, root, state, 'run', *command],
-                          capture_output=True, text=True)
+    return debs[0]
 
 
 def field(deb, name):
     return subprocess.run(['dpkg-deb', '-f', deb, name], check=True, capture_output=True, text=True).stdout.strip()
 
 
-def test_lintian_finds_no_error_and_systemd_accepts_the_hardened_unit(package, tmp_path):
-    deb, root = package
+@pytest.fixture(scope='module')
+def system(deb, request):
+    try:
+        booted, skipped = bootedsystem.booted(deb), None
+    except bootedsystem.Unavailable as reason:
+        booted, skipped = None, str(reason)
+    # Whatever the outcome, the run's log names what was booted.
+    with request.config.pluginmanager.get_plugin('capturemanager').global_and_fixture_disabled():
+        if booted:
+            systemd = booted.run('systemctl', '--version').stdout.splitlines()[0]
+            nm = booted.run('NetworkManager', '--version').stdout.strip()
+            print(f'\nbooted: {systemd}, NetworkManager {nm}')
+        else:
+            print(f'\nbooted: skipped, {skipped}')
+    if not booted:
+        pytest.skip(skipped)
+    yield booted
+    booted.shutdown()
+
+
+@pytest.fixture(scope='module')
+def client(system):
+    with system.network():
+        client = MqttClient(1883, base=BASE)
+        client.connect()
+    client.subscribe(BASE + '/#', 2)
+    yield client
+    client.disconnect()
+
+
+def inside(system, path):
+    return system.path(path)
+
+
+def install(system, deb):
+    shutil.copy(deb, inside(system, '/var/tmp/'))
+    system.run('apt-get', 'install', '-y', '-q', '--no-install-recommends', '/var/tmp/' + os.path.basename(deb))
+
+
+def answered(client, command, topic, timeout=10, payload=None):
+    client.clear()
+    client.command(command, {} if payload is None else payload)
+    return client.wait_for(client.topic(topic), timeout).json
+
+
+def started_within(system, seconds, action):
+    """Runs the systemctl action on tarvik; returns the seconds until its broker session was up."""
+    cursor = journal_cursor(system)
+    began = time.monotonic()
+    system.systemctl(action, 'tarvik')
+    wait_for_journal(system, r'\[IPC\] Connected\.$', cursor, timeout=seconds + 10)
+    took = time.monotonic() - began
+    assert took < seconds, f'connected {took:.2f} s after "{action}"'
+    return took
+
+
+def test_lintian_finds_no_error(deb, tmp_path):
     # lintian leaves files in $TMPDIR.
     lintian = subprocess.run(['lintian', deb], capture_output=True, text=True,
                              env=dict(os.environ, TMPDIR=str(tmp_path)))
     assert not [line for line in lintian.stdout.splitlines() if line.startswith('E:')], lintian.stdout
     assert re.search(r'libqt5core5a \(>= [\d.]+\)', field(deb, 'Depends'))   # from the shared libraries
 
-    verify = sandbox(root, str(tmp_path), 'systemd-analyze', 'verify', '/lib/systemd/system/tarvik.service')
-    assert (verify.returncode, verify.stdout + verify.stderr) == (0, '')
-    security = subprocess.run(['systemd-analyze', 'security', '--offline=true', unitsandbox.unit_path(root)],
-                              capture_output=True, text=True).stdout
+
+def test_installed_it_waits_to_be_enabled_then_answers(system, deb, client):
+    install(system, deb)
+    assert system.systemctl('is-active', 'tarvik', check=False) == 'inactive'
+    assert system.systemctl('is-enabled', 'tarvik', check=False) == 'disabled'
+    assert oct(os.stat(inside(system, CONFIG)).st_mode & 0o777) == '0o600'
+    assert system.run('systemd-analyze', 'verify', '--man=no', 'tarvik.service', check=False).stderr == ''
+    security = system.run('systemd-analyze', 'security', '--no-pager', 'tarvik.service', check=False).stdout
     exposure = re.search(r'Overall exposure level for tarvik\.service: ([\d.]+) (\w+)', security)
     assert float(exposure.group(1)) <= 2.0 and exposure.group(2) == 'OK', security
 
+    # A minimal system has no hosts file: the broker "localhost" does not resolve, and tarvik says so.
+    system.run('sed', '-i', 's/^usageSec=.*/usageSec=1/', CONFIG)
+    cursor = journal_cursor(system)
+    system.systemctl('enable', '--now', 'tarvik')
+    wait_for_journal(system, r"\[IPC\] ERROR: Could not resolve broker host 'localhost': ", cursor)
 
-def counted(state):
-    '''Bytes counted in the state directory's statistics, all months together.'''
-    months = usage_totals(os.path.join(state, 'var-lib', 'tarvik', 'stats', 'modem.ini')).values()
-    return sum(rx for rx, _ in months), sum(tx for _, tx in months)
+    system.write('/etc/hosts', '127.0.0.1 localhost\n')
+    started_within(system, 2, 'restart')
+    assert answered(client, 'status/get', 'status')['hostname']
+    assert answered(client, 'info/get', 'info')['service']['version'] == field(deb, 'Version')
+    assert answered(client, 'no/such/get', 'error', payload=off_contract({}))['error'] == 'Unsupported command'
+    local1 = system.journal('SYSLOG_IDENTIFIER=tarvik', 'SYSLOG_FACILITY=17')
+    assert 'IPC Connected to localhost' in local1
 
 
-def test_packaged_service_works_confined_and_a_restart_counts_only_new_traffic(world, package):
-    deb, root = package
-    state = os.path.join(world.directory, 'package-state')
-    config = os.path.join(state, 'etc', 'tarvik', 'tarvik.conf')
-    scenarios.ethernet(world)
-    scenarios.modem(world, bearer_interface='wwan0', profile='Broadband', active=True)
+def test_the_modem_is_provisioned_and_counted_under_the_hardened_unit(system, client):
+    system.systemctl('start', 'simulated-modemmanager')
+    ModemManager(system.bus(owned=MM_BUS)).add_modem('gsm', bearer_interface=DATA_PORT, addresses='10.64.0.2')
+    device_state = ('nmcli', '-g', 'GENERAL.STATE', 'device', 'show', MODEM)
+    wait_until(lambda: system.run(*device_state, check=False).stdout.startswith('100'), 20, 'the modem connected')
 
-    installed = sandbox(root, state, 'sh', os.path.join(root, 'DEBIAN', 'postinst'), 'configure')
-    assert installed.returncode == 0, installed.stderr
-    template = config_keys(os.path.join(root, 'usr', 'share', 'tarvik', 'tarvik.conf'))
-    assert config_keys(config) == template and stat.S_IMODE(os.stat(config).st_mode) == 0o600
-    # What the integrator edits before enabling the service. The broker stays "localhost", which Debian's
-    # hosts file gives two addresses: glibc then asks netlink, a family the unit does not allow, to sort them,
-    # and tarvik connects to ::1 first (as Debian's mosquitto, the broker listens on both).
-    with open(os.path.join(state, 'etc', 'hosts'), 'w') as f:
-        f.write('127.0.0.1 localhost\n::1 localhost ip6-localhost ip6-loopback\n')
-    world.broker.extra_config = [f'listener {world.broker.port} ::1']
-    world.broker.restart()
-    with open(config) as f:
-        text = f.read()
-    for key, value in (('port', world.broker.port), ('usageSec', 1)):
-        text = re.sub(rf'^{key}=.*$', f'{key}={value}', text, flags=re.M)
-    with open(config, 'w') as f:
-        f.write(text)
+    client.command('modem/config/set', {'interface': MODEM, 'apn': 'internet.other', 'method': 'auto'})
+    wait_until(lambda: config_keys(inside(system, CONFIG)).get('Modem/apn') == 'internet.other', 10,
+               'the set in the file')
+    assert oct(os.stat(inside(system, CONFIG)).st_mode & 0o777) == '0o600'
+    profile_apn = ('nmcli', '-g', 'gsm.apn', 'connection', 'show', 'Broadband')
+    wait_until(lambda: system.run(*profile_apn).stdout.strip() == 'internet.other', 10, 'the profile changed')
+    wait_until(lambda: system.run(*device_state, check=False).stdout.startswith('100'), 20, 'the modem back')
+    wait_until(lambda: os.path.exists(inside(system, STATS)), 10, 'the statistics written')
 
-    def start(counters):
-        return world.tarvik(binary=SANDBOX, args=[root, state, 'exec'], write_config=False, config_path=config,
-                            private_tmp=True, net_counters={'wwan0': counters})
-
-    client = world.mqtt(subscribe=BASE + '/#')
-    tarvik = start((40_000, 1_000))
-    connected = tarvik.wait_for_syslog(r'IPC Connected to ')
-    assert (connected.facility, connected.ident) == (17, 'tarvik')
-    status = open(f'/proc/{tarvik.proc.pid}/status').read()
+    main = system.main_pid()
+    writable = [path for path in ('/', '/etc', '/etc/tarvik', '/usr', '/var', '/var/lib/tarvik', '/var/tmp',
+                                  '/tmp', '/run', '/run/dbus', '/dev/shm', '/root', '/home', '/opt', '/srv')
+                if system.run('nsenter', '-t', str(main), '-m', 'sh', '-c',
+                              f'touch {path}/.tarvik-probe && rm {path}/.tarvik-probe', check=False).returncode == 0]
+    assert writable == ['/etc/tarvik', '/var/lib/tarvik', '/tmp']
+    status = system.run('cat', f'/proc/{main}/status').stdout
     for line in ('NoNewPrivs:\t1', 'Seccomp:\t2', 'CapEff:\t0000000000000000', 'CapBnd:\t0000000000000000'):
         assert line in status
-    assert os.readlink(f'/proc/{tarvik.proc.pid}/exe') == '/usr/bin/tarvik'
 
-    client.clear()
-    client.command('status/get', {})
-    assert client.wait_for(BASE + '/status').json['primaryConnection']['connectionName'] == 'Broadband'
-    client.command('info/get', {})
-    assert client.wait_for(BASE + '/info').json['service']['version'] == field(deb, 'Version')
-    client.command('ethernet/config/set', {'interface': 'eth0', 'method': 'manual', 'address': '192.168.1.50',
-                                           'netmask': '255.255.255.0', 'gateway': '192.168.1.1'})
-    wait_until(lambda: config_keys(config).get('Ethernet/address') == '192.168.1.50', 10, 'the set in the file')
-    rewritten = config_keys(config)
-    assert set(rewritten) >= set(template) and rewritten['Mqtt/port'] == str(world.broker.port)
-    assert stat.S_IMODE(os.stat(config).st_mode) == 0o600
 
-    wait_until(lambda: counted(state) == (40_000, 1_000), 15, f'the first reading counted ({counted(state)})')
-    snapshot = tarvik.tmp_file('modem-snapshot.ini')
-    wait_until(lambda: config_keys(snapshot).get('General/rxbytes') == '40000' if os.path.exists(snapshot) else None,
-               15, 'the snapshot in /tmp')
-    tarvik.stop()
+def test_restart_stop_and_a_kill_lose_nothing(system, client):
+    before = system.main_pid()
+    started_within(system, 2, 'restart')
+    assert system.main_pid() != before
+    began = time.monotonic()
+    system.systemctl('stop', 'tarvik')
+    assert time.monotonic() - began < 2 and system.systemctl('is-active', 'tarvik', check=False) == 'inactive'
+    started_within(system, 2, 'start')
 
-    # A restart of the service: the machine's /tmp still holds the snapshot.
-    tarvik = start((65_000, 3_000))
-    wait_until(lambda: counted(state) == (65_000, 3_000), 15, f'only the new traffic counted ({counted(state)})')
-    tarvik.stop()
+    config = config_keys(inside(system, CONFIG))
+    counted = sum(rx + tx for rx, tx in usage_totals(inside(system, STATS)).values())
+    killed = system.main_pid()
+    cursor = journal_cursor(system)
+    began = time.monotonic()
+    system.systemctl('kill', '--signal=SIGKILL', 'tarvik')
+    wait_for_journal(system, r'\[IPC\] Connected\.$', cursor, timeout=RESTART_SEC + 10)
+    assert time.monotonic() - began < RESTART_SEC + 2
+    assert system.main_pid() not in (0, killed)
+    assert config_keys(inside(system, CONFIG)) == config
+    assert sum(rx + tx for rx, tx in usage_totals(inside(system, STATS)).values()) >= counted
 
-    postrm = os.path.join(root, 'DEBIAN', 'postrm')
-    assert sandbox(root, state, 'sh', postrm, 'remove').returncode == 0
-    assert os.path.exists(config) and counted(state) == (65_000, 3_000)
-    assert sandbox(root, state, 'sh', postrm, 'purge').returncode == 0
-    assert not os.path.exists(os.path.dirname(config))
-    assert not os.path.exists(os.path.join(state, 'var-lib', 'tarvik'))
+
+@pytest.mark.parametrize('absent', ['masked', 'not started'])
+def test_without_modemmanager_it_answers_at_once(system, client, absent):
+    system.systemctl('stop', 'simulated-modemmanager')
+    if absent == 'masked':
+        system.systemctl('mask', 'ModemManager')
+    try:
+        began = time.monotonic()
+        started_within(system, 2, 'restart')
+        assert answered(client, 'status/get', 'status', timeout=2)
+        assert time.monotonic() - began < 2
+    finally:
+        system.systemctl('unmask', 'ModemManager')
+
+
+def second_build(deb, directory):
+    """The same package under a higher version, as the next release would come."""
+    tree = os.path.join(directory, 'tree')
+    subprocess.run(['dpkg-deb', '-R', deb, tree], check=True)
+    control = os.path.join(tree, 'DEBIAN', 'control')
+    with open(control) as f:
+        text = f.read()
+    with open(control, 'w') as f:
+        f.write(re.sub(r'^Version: (.*)$', r'Version: \1+1', text, flags=re.M))
+    upgraded = os.path.join(directory, os.path.basename(deb).replace('_amd64', '+1_amd64'))
+    subprocess.run(['dpkg-deb', '-b', '--root-owner-group', tree, upgraded], check=True, capture_output=True)
+    return upgraded
+
+
+def test_upgrade_keeps_and_purge_removes_the_configuration_and_statistics(system, deb, tmp_path):
+    config = config_keys(inside(system, CONFIG))
+    stats = usage_totals(inside(system, STATS))
+    running = system.main_pid()
+    install(system, second_build(deb, str(tmp_path)))
+    assert system.systemctl('is-active', 'tarvik') == 'active' and system.main_pid() != running
+    assert config_keys(inside(system, CONFIG)) == config and usage_totals(inside(system, STATS)).keys() == stats.keys()
+
+    system.run('apt-get', 'remove', '-y', '-q', 'tarvik')
+    assert system.systemctl('is-active', 'tarvik', check=False) != 'active'
+    assert config_keys(inside(system, CONFIG)) == config and os.path.exists(inside(system, STATS))
+    system.run('apt-get', 'purge', '-y', '-q', 'tarvik')
+    assert not os.path.exists(inside(system, '/etc/tarvik')) and not os.path.exists(inside(system, '/var/lib/tarvik'))
