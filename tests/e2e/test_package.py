@@ -69,12 +69,8 @@ def client(system):
     client.disconnect()
 
 
-def inside(system, path):
-    return system.path(path)
-
-
 def install(system, deb):
-    shutil.copy(deb, inside(system, '/var/tmp/'))
+    shutil.copy(deb, system.path('/var/tmp/'))
     system.run('apt-get', 'install', '-y', '-q', '--no-install-recommends', '/var/tmp/' + os.path.basename(deb))
 
 
@@ -107,7 +103,7 @@ def test_installed_it_waits_to_be_enabled_then_answers(system, deb, client):
     install(system, deb)
     assert system.systemctl('is-active', 'tarvik', check=False) == 'inactive'
     assert system.systemctl('is-enabled', 'tarvik', check=False) == 'disabled'
-    assert oct(os.stat(inside(system, CONFIG)).st_mode & 0o777) == '0o600'
+    assert oct(os.stat(system.path(CONFIG)).st_mode & 0o777) == '0o600'
     assert system.run('systemd-analyze', 'verify', '--man=no', 'tarvik.service', check=False).stderr == ''
     security = system.run('systemd-analyze', 'security', '--no-pager', 'tarvik.service', check=False).stdout
     exposure = re.search(r'Overall exposure level for tarvik\.service: ([\d.]+) (\w+)', security)
@@ -135,13 +131,13 @@ def test_the_modem_is_provisioned_and_counted_under_the_hardened_unit(system, cl
     wait_until(lambda: system.run(*device_state, check=False).stdout.startswith('100'), 20, 'the modem connected')
 
     client.command('modem/config/set', {'interface': MODEM, 'apn': 'internet.other', 'method': 'auto'})
-    wait_until(lambda: config_keys(inside(system, CONFIG)).get('Modem/apn') == 'internet.other', 10,
+    wait_until(lambda: config_keys(system.path(CONFIG)).get('Modem/apn') == 'internet.other', 10,
                'the set in the file')
-    assert oct(os.stat(inside(system, CONFIG)).st_mode & 0o777) == '0o600'
+    assert oct(os.stat(system.path(CONFIG)).st_mode & 0o777) == '0o600'
     profile_apn = ('nmcli', '-g', 'gsm.apn', 'connection', 'show', 'Broadband')
     wait_until(lambda: system.run(*profile_apn).stdout.strip() == 'internet.other', 10, 'the profile changed')
     wait_until(lambda: system.run(*device_state, check=False).stdout.startswith('100'), 20, 'the modem back')
-    wait_until(lambda: os.path.exists(inside(system, STATS)), 10, 'the statistics written')
+    wait_until(lambda: os.path.exists(system.path(STATS)), 10, 'the statistics written')
 
     main = system.main_pid()
     writable = [path for path in ('/', '/etc', '/etc/tarvik', '/usr', '/var', '/var/lib/tarvik', '/var/tmp',
@@ -155,7 +151,7 @@ def test_the_modem_is_provisioned_and_counted_under_the_hardened_unit(system, cl
 
 
 def counted(system):
-    return sum(rx + tx for rx, tx in usage_totals(inside(system, STATS)).values())
+    return sum(rx + tx for rx, tx in usage_totals(system.path(STATS)).values())
 
 
 def kernel_counted(system):
@@ -179,15 +175,15 @@ def test_restart_stop_and_a_kill_lose_nothing(system, client):
     pid = system.main_pid()
     started_within(system, 2, 'restart')
     assert system.main_pid() != pid
-    written = os.stat(inside(system, STATS)).st_mtime_ns
-    wait_until(lambda: os.stat(inside(system, STATS)).st_mtime_ns != written, 10, 'a reading after the restart')
+    written = os.stat(system.path(STATS)).st_mtime_ns
+    wait_until(lambda: os.stat(system.path(STATS)).st_mtime_ns != written, 10, 'a reading after the restart')
     assert counted(system) - before <= kernel_counted(system) - kernel
     began = time.monotonic()
     system.systemctl('stop', 'tarvik')
     assert time.monotonic() - began < 2 and system.systemctl('is-active', 'tarvik', check=False) == 'inactive'
     started_within(system, 2, 'start')
 
-    config = config_keys(inside(system, CONFIG))
+    config = config_keys(system.path(CONFIG))
     counted_before = counted(system)
     killed = system.main_pid()
     cursor = journal_cursor(system)
@@ -196,7 +192,7 @@ def test_restart_stop_and_a_kill_lose_nothing(system, client):
     wait_for_journal(system, r'\[IPC\] Connected\.$', cursor, timeout=RESTART_SEC + 10)
     assert time.monotonic() - began < RESTART_SEC + 2
     assert system.main_pid() not in (0, killed)
-    assert config_keys(inside(system, CONFIG)) == config
+    assert config_keys(system.path(CONFIG)) == config
     assert counted(system) >= counted_before
 
 
@@ -229,15 +225,15 @@ def second_build(deb, directory):
 
 
 def test_upgrade_keeps_and_purge_removes_the_configuration_and_statistics(system, deb, tmp_path):
-    config = config_keys(inside(system, CONFIG))
-    stats = usage_totals(inside(system, STATS))
+    config = config_keys(system.path(CONFIG))
+    stats = usage_totals(system.path(STATS))
     running = system.main_pid()
     install(system, second_build(deb, str(tmp_path)))
     assert system.systemctl('is-active', 'tarvik') == 'active' and system.main_pid() != running
-    assert config_keys(inside(system, CONFIG)) == config and usage_totals(inside(system, STATS)).keys() == stats.keys()
+    assert config_keys(system.path(CONFIG)) == config and usage_totals(system.path(STATS)).keys() == stats.keys()
 
     system.run('apt-get', 'remove', '-y', '-q', 'tarvik')
     assert system.systemctl('is-active', 'tarvik', check=False) != 'active'
-    assert config_keys(inside(system, CONFIG)) == config and os.path.exists(inside(system, STATS))
+    assert config_keys(system.path(CONFIG)) == config and os.path.exists(system.path(STATS))
     system.run('apt-get', 'purge', '-y', '-q', 'tarvik')
-    assert not os.path.exists(inside(system, '/etc/tarvik')) and not os.path.exists(inside(system, '/var/lib/tarvik'))
+    assert not os.path.exists(system.path('/etc/tarvik')) and not os.path.exists(system.path('/var/lib/tarvik'))
