@@ -174,9 +174,6 @@ class BootedSystem:
             finally:
                 setns(own.fileno(), _CLONE_NEWNET)
 
-    def journal(self, *matches):
-        return self.run('journalctl', '--no-pager', '-o', 'cat', *matches).stdout
-
     def shutdown(self, timeout=30):
         if self.nspawn and self.nspawn.poll() is None:
             # SIGTERM asks nspawn for an orderly shutdown of the container.

@@ -81,14 +81,13 @@ def answered(client, command, topic, timeout=10, payload=None):
 
 
 def started_within(system, seconds, action):
-    """Runs the systemctl action on tarvik; returns the seconds until its broker session was up."""
+    """Runs the systemctl action on tarvik, whose broker session must be up within the seconds."""
     cursor = journal_cursor(system)
     began = time.monotonic()
     system.systemctl(action, 'tarvik')
     wait_for_journal(system, r'\[IPC\] Connected\.$', cursor, timeout=seconds + 10)
     took = time.monotonic() - began
     assert took < seconds, f'connected {took:.2f} s after "{action}"'
-    return took
 
 
 def test_lintian_finds_no_error(deb, tmp_path):
@@ -120,7 +119,7 @@ def test_installed_it_waits_to_be_enabled_then_answers(system, deb, client):
     assert answered(client, 'status/get', 'status')['hostname']
     assert answered(client, 'info/get', 'info')['service']['version'] == field(deb, 'Version')
     assert answered(client, 'no/such/get', 'error', payload=off_contract({}))['error'] == 'Unsupported command'
-    local1 = system.journal('SYSLOG_IDENTIFIER=tarvik', 'SYSLOG_FACILITY=17')
+    local1 = system.run('journalctl', '-o', 'cat', 'SYSLOG_IDENTIFIER=tarvik', 'SYSLOG_FACILITY=17').stdout
     assert 'IPC Connected to localhost' in local1
 
 
