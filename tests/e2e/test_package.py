@@ -197,12 +197,14 @@ def test_restart_stop_and_a_kill_lose_nothing(system, client):
 
 @pytest.mark.parametrize('absent', ['masked', 'not started'])
 def test_without_modemmanager_it_answers_at_once(system, client, absent):
+    # Measured from a start with ModemManager already gone.
+    system.systemctl('stop', 'tarvik')
     system.systemctl('stop', 'simulated-modemmanager')
     if absent == 'masked':
         system.systemctl('mask', 'ModemManager')
     try:
         began = time.monotonic()
-        started_within(system, 2, 'restart')
+        started_within(system, 2, 'start')
         assert answered(client, 'status/get', 'status', timeout=2)
         assert time.monotonic() - began < 2
     finally:
