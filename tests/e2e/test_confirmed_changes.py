@@ -60,6 +60,8 @@ def test_a_confirmed_change_is_saved_and_written_to_the_file(world, mqtt, wired)
     assert "Ethernet/address" not in config_keys(tarvik.config_path) or \
         config_keys(tarvik.config_path)["Ethernet/address"] != "192.168.60.2"
     assert len(world.nm.checkpoints()) == 1
+    # A confirm is taken once the trial is applied (activated).
+    tarvik.wait_for_log(r"\[Ethernet\] Connection '.*' updated\.$")
 
     mqtt.command("transaction/confirm", {"id": "new-subnet"})
     assert transaction(mqtt, "confirmed")["id"] == "new-subnet"
