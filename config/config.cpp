@@ -104,7 +104,12 @@ Config::Config(const QString& fileName, QObject* parent)
     readConfiguration();
     // Read on its own, never reported nor written: a file without it reads, logs and is written as before.
     m_confirmProbe = m_settings->value(QStringLiteral("Changes/confirmProbe")).toString();
+    // Also read on its own: without these keys the file and the report stay as they always were.
+    QStringList refused;
+    m_dataPlan = readDataPlan(*m_settings, &refused);
     printConfiguration();
+    for (const QString& refusal : qAsConst(refused))
+        log(Log::Warning, "%s; using the default.", text(refusal).constData());
 }
 
 Config::~Config() = default;
@@ -132,6 +137,17 @@ const Config::Modem& Config::modem() const
 QString Config::confirmProbe() const
 {
     return m_confirmProbe;
+}
+
+const DataPlan& Config::dataPlan() const
+{
+    return m_dataPlan;
+}
+
+void Config::setDataPlan(const DataPlan& plan)
+{
+    m_dataPlan = plan;
+    writeDataPlan(*m_settings, plan);
 }
 
 void Config::setMqtt(const Mqtt& mqtt)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "config/dataplan.h"
 #include "log/taggedlog.h"
 
 #include <QObject>
@@ -69,11 +70,14 @@ public:
     const Modem& modem() const;
     // "host:port" whose reachability confirms a change on trial by itself; empty: only a client confirms.
     QString confirmProbe() const;
+    const DataPlan& dataPlan() const;
 
     void setMqtt(const Mqtt& mqtt);
     void setEthernet(const Ethernet& ethernet);
     void setWifi(const Wifi& wifi);
     void setModem(const Modem& modem);
+    // Writes the plan's keys only: a file that never had them keeps its other keys as they were.
+    void setDataPlan(const DataPlan& plan);
 
     void readConfiguration();
     void writeConfiguration();
@@ -94,6 +98,7 @@ private:
     Wifi m_wifi;
     Modem m_modem;
     QString m_confirmProbe;
+    DataPlan m_dataPlan;
     const TaggedLog log{"[Config] "};
 };
 

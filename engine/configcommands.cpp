@@ -5,6 +5,7 @@
 #include "engine/confirmedchanges.h"
 #include "engine/devicework.h"
 #include "engine/recordtexts.h"
+#include "engine/usagebudget.h"
 
 namespace Tarvik {
 
@@ -34,6 +35,11 @@ void Engine::applyConfigSet(const DeviceKind& kind, const QJsonObject& payload)
         || !m_changes->acceptAnotherChange(device->uni(), errorCommand))
         return;
     if (request.asked) {
+        if (kind.deviceType == NetworkManager::Device::Modem && m_usage->holdsModemDown()) {
+            // A trial would bring up a modem that must stay down.
+            m_ipc->publishError(errorCommand, QStringLiteral("The modem is cut off: its data budget is used up"));
+            return;
+        }
         const QString textError = recordTextError(record);
         if (!textError.isEmpty()) {
             log(Log::Error, "Configuration refused: %s", qPrintable(textError));

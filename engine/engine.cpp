@@ -9,6 +9,7 @@
 #include "engine/devicepublisher.h"
 #include "engine/devicework.h"
 #include "engine/modemdataport.h"
+#include "engine/usagebudget.h"
 #include "vocabulary/clienttext.h"
 #include "vocabulary/valuenames.h"
 
@@ -62,6 +63,9 @@ Engine::Engine(const QString& configPath, QObject* parent)
     m_commands.insert(QStringLiteral("modem/stats/get"), &Engine::processModemStatsGetCommand);
     m_commands.insert(QStringLiteral("modem/config/get"), &Engine::processModemConfigGetCommand);
     m_commands.insert(QStringLiteral("modem/config/set"), &Engine::processModemConfigSetCommand);
+    m_commands.insert(QStringLiteral("modem/usage/get"), &Engine::processModemUsageGetCommand);
+    m_commands.insert(QLatin1String(UsageBudget::setCommand), &Engine::processModemUsageSetCommand);
+    m_commands.insert(QLatin1String(UsageBudget::resumeCommand), &Engine::processModemUsageResumeCommand);
     m_commands.insert(QStringLiteral("transaction/confirm"), &Engine::processTransactionConfirmCommand);
     m_commands.insert(QStringLiteral("transaction/rollback"), &Engine::processTransactionRollbackCommand);
 
@@ -70,6 +74,8 @@ Engine::Engine(const QString& configPath, QObject* parent)
     m_ipc.reset(new IPC(m_config.get(), parent));
     m_publisher = new DevicePublisher(m_ipc.get(), this);
     m_changes = new ConfirmedChanges(m_ipc.get(), m_config.get(), m_work, QStringLiteral("./stats/changes.json"), this);
+    m_usage = new UsageBudget(m_ipc.get(), m_config.get(), QStringLiteral("./stats/modem-usage.ini"), this);
+    connect(m_usage, &UsageBudget::holdChanged, this, &Engine::onUsageHoldChanged);
 
     connect(m_ipc.get(), &IPC::connected, this, &Engine::onIPCConnected);
     connect(m_ipc.get(), &IPC::disconnected, this, &Engine::onIPCDiscconnected);
@@ -121,6 +127,7 @@ void Engine::onIPCConnected(const QString& url)
     m_brokerConnected = true;
     reload();
     m_changes->onBrokerConnected();
+    m_usage->onBrokerConnected();
 }
 
 void Engine::onIPCDiscconnected()

@@ -29,6 +29,7 @@ class ConfirmedChanges;
 class DaemonPresence;
 class DevicePublisher;
 class ModemDataPort;
+class UsageBudget;
 struct DeviceKind;
 
 // The centre of the service: dispatches commands, watches NetworkManager,
@@ -68,6 +69,7 @@ private slots:
     void onNetworkManagerPresenceChanged(bool present);
     void onModemManagerKnown(bool present);
     void onModemManagerPresenceChanged(bool present);
+    void onUsageHoldChanged(bool held);
 
 private:
     using CommandHandler = void (Engine::*)(const QJsonObject&);
@@ -155,6 +157,13 @@ private:
     void publishModemStats();
     void processModemStatsGetCommand(const QJsonObject& payload);
     void pruneModemStats();
+    // The data plan's commands; an "interface", when given, must name a modem.
+    void processModemUsageGetCommand(const QJsonObject& payload);
+    void processModemUsageSetCommand(const QJsonObject& payload);
+    void processModemUsageResumeCommand(const QJsonObject& payload);
+    bool acceptModemInterface(const QJsonObject& payload, const QString& errorCommand);
+    // Disconnects the modem while its data budget holds it down (a connected modem that is not held: nothing).
+    void holdModemDown(NetworkManager::Device::Ptr modem);
 
     QTimer m_statsTimer;
     QSettings m_stats;
@@ -169,6 +178,7 @@ private:
     BurstPublisher* m_bursts;
     ModemDataPort* m_modemDataPort;
     ConfirmedChanges* m_changes;
+    UsageBudget* m_usage;
     bool m_brokerConnected = false;
     bool m_started = false;
     // Once a library has read its daemon, its own signals say when the daemon comes and goes.

@@ -4,6 +4,8 @@
 #include "engine/datausage.h"
 #include "engine/devicekind.h"
 #include "engine/modemdataport.h"
+#include "engine/pendingcall.h"
+#include "engine/usagebudget.h"
 #include "vocabulary/devicestate.h"
 
 #include <QDateTime>
@@ -20,6 +22,11 @@ const char* const snapshotPath = "/tmp/modem-snapshot.ini";
 quint32 low32(const QVariant& value)
 {
     return static_cast<quint32>(value.toULongLong());
+}
+
+QString counterPath(const QString& interface, const char* counter)
+{
+    return QStringLiteral("/sys/class/net/%1/statistics/%2").arg(interface, QLatin1String(counter));
 }
 
 NetworkManager::Device::Ptr connectedModem()
@@ -42,6 +49,8 @@ void Engine::followModemStats(NetworkManager::Device::Ptr modem)
     const DeviceKind* kind = DeviceKind::of(modem->type());
     if (!kind || !kind->countsDataUsage)
         return;
+    if (mapDeviceState(modem->state()) == Connected)
+        holdModemDown(modem);
     if (mapDeviceState(modem->state()) == Connected) {
         // Counting starts once the data interface is known, so that even a reading at stop finds it.
         m_modemDataPort->refresh(modem->udi(), [this, modem] {
@@ -101,6 +110,11 @@ void Engine::updateModemStats()
     snapshot.setValue(QStringLiteral("txbytes"), reading.txBytes);
 
     publishModemStats();
+
+    // A counter that cannot be read is no reading: taken as zero, the next one would be counted twice.
+    const QString port = m_modemDataPort->interface();
+    if (!port.isEmpty() && QFile::exists(counterPath(port, "rx_bytes")))
+        m_usage->record(device->interfaceName(), port, reading.rxBytes, reading.txBytes);
 }
 
 Engine::ModemReading Engine::getModemStats(NetworkManager::ModemDevice::Ptr device)
@@ -109,8 +123,8 @@ Engine::ModemReading Engine::getModemStats(NetworkManager::ModemDevice::Ptr devi
     const QString interface = m_modemDataPort->interface();
     if (!device || interface.isEmpty())
         return reading;
-    reading.rxBytes = readIntegerFromFile(QStringLiteral("/sys/class/net/%1/statistics/rx_bytes").arg(interface));
-    reading.txBytes = readIntegerFromFile(QStringLiteral("/sys/class/net/%1/statistics/tx_bytes").arg(interface));
+    reading.rxBytes = readIntegerFromFile(counterPath(interface, "rx_bytes"));
+    reading.txBytes = readIntegerFromFile(counterPath(interface, "tx_bytes"));
     return reading;
 }
 
@@ -150,6 +164,59 @@ void Engine::pruneModemStats()
             m_stats.remove(month);
     }
     m_stats.sync();
+}
+
+void Engine::processModemUsageGetCommand(const QJsonObject& payload)
+{
+    if (acceptModemInterface(payload, QStringLiteral("modem/usage/get")))
+        m_usage->get();
+}
+
+void Engine::processModemUsageSetCommand(const QJsonObject& payload)
+{
+    if (acceptModemInterface(payload, QLatin1String(UsageBudget::setCommand)))
+        m_usage->set(payload);
+}
+
+void Engine::processModemUsageResumeCommand(const QJsonObject& payload)
+{
+    if (acceptModemInterface(payload, QLatin1String(UsageBudget::resumeCommand)))
+        m_usage->resume();
+}
+
+bool Engine::acceptModemInterface(const QJsonObject& payload, const QString& errorCommand)
+{
+    // The plan is the SIM's: it is kept and answered for while no modem is there.
+    return !payload.contains(QStringLiteral("interface"))
+        || findRequestedDevice(payload, NetworkManager::Device::Modem, errorCommand);
+}
+
+void Engine::onUsageHoldChanged(bool held)
+{
+    if (!isOnBus(Daemon::NetworkManager))
+        return;
+    const auto devices = NetworkManager::networkInterfaces();
+    for (const NetworkManager::Device::Ptr& device : devices) {
+        if (device->type() != NetworkManager::Device::Modem)
+            continue;
+        if (held)
+            holdModemDown(device);
+        else
+            reloadDevice(device);
+    }
+}
+
+void Engine::holdModemDown(NetworkManager::Device::Ptr modem)
+{
+    if (!m_usage->holdsModemDown() || !modem->isActive())
+        return;
+    log(Log::Warning, "[Modem] Data budget used up: disconnecting %s.", qPrintable(modem->interfaceName()));
+    whenFinished(modem->disconnectInterface(), this, [this, modem](const QDBusPendingCall& reply) {
+        if (reply.isError()) {
+            log(Log::Warning, "[Modem] Failed to disconnect %s: %s", qPrintable(modem->interfaceName()),
+                qPrintable(reply.error().message()));
+        }
+    });
 }
 
 } // namespace Tarvik

@@ -6,6 +6,7 @@
 #include "engine/devicepublisher.h"
 #include "engine/devicework.h"
 #include "engine/profileprovisioning.h"
+#include "engine/usagebudget.h"
 
 #include <memory>
 
@@ -93,6 +94,12 @@ void Engine::publishConfigWhenVisible(NetworkManager::Device::Ptr device, Networ
 void Engine::updateConnection(NetworkManager::Device::Ptr device, const DeviceRecord& record,
                               std::function<void(NetworkManager::Connection::Ptr)> done)
 {
+    // The record waits in the file: the modem is provisioned when the cut-off ends.
+    if (device->type() == NetworkManager::Device::Modem && m_usage->holdsModemDown()) {
+        log(Log::Info, "[Modem] %s stays down: its data budget is used up.", qPrintable(device->interfaceName()));
+        done({});
+        return;
+    }
     ProfileProvisioning::start(device, record, this, std::move(done));
 }
 

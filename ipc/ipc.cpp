@@ -225,6 +225,7 @@ void IPC::publish(Topic topic, const QJsonObject& document)
         { Topic::ModemConfig, { "modem/config", 2, true } },
         { Topic::ModemSignal, { "modem/signal", 2, true } },
         { Topic::ModemStats, { "modem/stats", 0, true } },
+        { Topic::ModemUsage, { "modem/usage", 2, true } },
         { Topic::Transaction, { "transaction", 2, true } },
     };
     const Publication publication = publications.value(topic);

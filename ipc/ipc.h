@@ -29,6 +29,7 @@ enum class Topic {
     ModemConfig,
     ModemSignal,
     ModemStats,
+    ModemUsage,
     Transaction,
 };
 
