@@ -49,9 +49,8 @@ void Engine::followModemStats(NetworkManager::Device::Ptr modem)
     const DeviceKind* kind = DeviceKind::of(modem->type());
     if (!kind || !kind->countsDataUsage)
         return;
-    if (mapDeviceState(modem->state()) == Connected)
-        holdModemDown(modem);
     if (mapDeviceState(modem->state()) == Connected) {
+        holdModemDown(modem);
         // Counting starts once the data interface is known, so that even a reading at stop finds it.
         m_modemDataPort->refresh(modem->udi(), [this, modem] {
             if (mapDeviceState(modem->state()) == Connected)

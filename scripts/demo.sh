@@ -48,6 +48,7 @@ In another terminal:
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/status/get' -m '{}'
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/wifi/aps/get' -m '{}'
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/modem/state/get' -m '{}'
+  mosquitto_sub -h 127.0.0.1 -p $port -v -t '$base/modem/usage'    (5 MB budget: warnings within a minute)
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/ethernet/config/set' \\
       -m '{"interface":"eth0","method":"manual","address":"192.168.1.50","netmask":"255.255.255.0","gateway":"192.168.1.1","dns0":"192.168.1.1"}'
 Configuration file: $workdir/tarvik.conf   (Ctrl-C stops the demo)
@@ -60,9 +61,13 @@ EOF2
 # directory: a checkout under /tmp would disappear behind the private /tmp.
 cd "$workdir"
 cp "$build_dir/tarvik" "$workdir/tarvik"
+# There the modem's data port is the world's: its counters stand in for /sys/class/net.
+net="$workdir/world/sys-class-net"
+mkdir -p "$net"
 if unshare --mount --propagation private true 2>/dev/null; then
   DBUS_SYSTEM_BUS_ADDRESS="$bus" unshare --mount --propagation private \
-    sh -c 'mount -t tmpfs tmpfs /tmp && exec "$0" "$@"' "$workdir/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
+    sh -c 'mount -t tmpfs tmpfs /tmp && mount --bind "$0" /sys/class/net && exec "$@"' \
+    "$net" "$workdir/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
 else
   DBUS_SYSTEM_BUS_ADDRESS="$bus" "$workdir/tarvik" -f "$workdir/tarvik.conf" -e -c -v 3 &
 fi

@@ -11,7 +11,7 @@ packages=(
   cmake g++ pkg-config
   qtbase5-dev libkf5networkmanagerqt-dev modemmanager-qt-dev libmosquitto-dev
   mosquitto mosquitto-clients dbus python3 python3-dbusmock python3-dbus python3-gi
-  python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml faketime iproute2 util-linux procps
+  python3-paho-mqtt python3-pytest python3-jsonschema python3-yaml python3-jinja2 faketime tzdata iproute2 util-linux procps
   dpkg-dev file lintian systemd
   network-manager dnsmasq-base
   systemd-container mmdebstrap

@@ -381,6 +381,10 @@ class RealWorld(World):
         return tuple(int(self.daemon.netns.read(f'/sys/class/net/{iface}/statistics/{name}'))
                      for name in ('rx_bytes', 'tx_bytes'))
 
+    def push_bytes(self, total, iface=DATA_PORT):
+        '''At least total bytes over the link, half each way, in the largest datagrams UDP carries.'''
+        self.send_traffic(iface, size=65000, count=-(-total // 130000))
+
     def send_traffic(self, iface=DATA_PORT, size=1000, count=50):
         '''UDP datagrams over the link in both directions, to a port nobody listens on.'''
         subnet = SUBNETS[iface]

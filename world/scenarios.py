@@ -4,8 +4,10 @@ Every builder returns a plain namespace of the object paths it created, so that
 a test can steer what it set up (w.nm.set_carrier(eth.device, False), ...).
 '''
 
+import os
 from types import SimpleNamespace
 
+from netcounters import write_counters
 from profiles import ethernet_profile, gsm_profile, ipv4_setting, wifi_profile
 
 # Access points of the demo: one of each security kind.
@@ -87,8 +89,11 @@ def empty(world):
 
 def demo_changes(world, built):
     '''What happens in the demo world as time goes by, one step at a time, for ever: the modem's
-    signal drifts, a neighbour's access point comes and goes, the cable is pulled and plugged back.'''
+    signal drifts, a neighbour's access point comes and goes, the cable is pulled and plugged back, and
+    the modem's data port moves 0.8 MB a step (counters in <world>/sys-class-net, for the demo to show
+    tarvik as /sys/class/net).'''
     neighbour = None
+    net_dir = os.path.join(world.directory, 'sys-class-net')
     signals = (71, 58, 49, 63, 80, 67)
     step = 0
     while True:
@@ -105,6 +110,7 @@ def demo_changes(world, built):
         elif step % 8 == 7:
             world.nm.set_carrier(built.ethernet.device, True)
         step += 1
+        write_counters(net_dir, 'wwan0', step * 700_000, step * 100_000)
         yield
 
 
@@ -113,7 +119,8 @@ CHANGES = {'demo': demo_changes}
 
 # Configuration that goes with a scenario (besides the broker settings of the world).
 CONFIGS = {
-    'demo': {'Wifi': {'ssid': 'HomeNet', 'key': DEMO_WIFI_KEY}},
+    # A budget small enough for its warnings to show within a minute of the demo.
+    'demo': {'Wifi': {'ssid': 'HomeNet', 'key': DEMO_WIFI_KEY}, 'Modem': {'limitMB': 5, 'usageSec': 10}},
 }
 
 __all__ = ['ethernet', 'wifi', 'modem', 'demo', 'empty', 'SCENARIOS', 'CHANGES', 'CONFIGS', 'ipv4_setting']

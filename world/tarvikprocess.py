@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 import threading
 
+from netcounters import write_counters
 from processes import forget, kill_group, spawn
 
 CONFIG_GROUPS = ('Mqtt', 'Ethernet', 'Wifi', 'Modem')
@@ -316,13 +317,7 @@ class Tarvik:
         '''What tarvik reads from /sys/class/net/<iface>/statistics/{rx,tx}_bytes (net_counters only).'''
         if self.net_dir is None:
             raise RuntimeError('tarvik runs without net_counters')
-        directory = os.path.join(self.net_dir, iface, 'statistics')
-        os.makedirs(directory, exist_ok=True)
-        for name, value in (('rx_bytes', rx_bytes), ('tx_bytes', tx_bytes)):
-            temporary = os.path.join(directory, f'.{name}.new')
-            with open(temporary, 'w') as f:
-                f.write(f'{int(value)}\n')
-            os.replace(temporary, os.path.join(directory, name))   # a reader never sees half a number
+        write_counters(self.net_dir, iface, rx_bytes, tx_bytes)
 
     def tmp_file(self, name):
         '''Path of a file that tarvik sees as /tmp/<name> (private_tmp only).'''

@@ -43,9 +43,13 @@ def test_demo_runs_from_a_checkout_under_tmp_and_leaves_the_machines_broker_alon
         client = MqttClient(int(banner.group(1)), base=banner.group(2))
         client.connect()
         client.subscribe(banner.group(2) + '/status')
+        client.subscribe(banner.group(2) + '/modem/usage')
         client.command('status/get', {})
         assert client.wait_for(banner.group(2) + '/status', timeout=30).json['connectivityStr'] == 'Full', \
             ''.join(lines[-30:])
+        # The modem's data port moves as the world animates it, against a budget of 5 MB.
+        client.wait_for(banner.group(2) + '/modem/usage', timeout=40,
+                        predicate=lambda m: m.json['budgetBytes'] == 5_000_000 and m.json['rxBytes'] > 0)
         client.disconnect()
 
         demo.send_signal(signal.SIGTERM)

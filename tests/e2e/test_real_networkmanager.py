@@ -141,10 +141,25 @@ def test_modem_profile_is_created_activated_published_and_counted(real, start):
     wait_until(lambda: (totals := list(usage_totals(stats).values())) == [real.counters()] and totals[0][0] > 50_000,
                15, f"the data port's counters {real.counters()} in {stats}")
 
+    # A month past 4 GB: billed to the byte, while the monthly document wraps as it always has.
+    real.push_bytes(5_100_000_000)
+    usage = client.wait_for(client.topic("modem/usage"), timeout=30, predicate=lambda m: (
+        m.json["rxBytes"], m.json["txBytes"]) == real.counters()).json
+    assert usage["totalBytes"] > 5_100_000_000 and usage["interface"] == MODEM
+    legacy = {"download": legacy_megabytes(usage["rxBytes"]), "upload": legacy_megabytes(usage["txBytes"])}
+    # Both documents come from the same reading.
+    assert legacy in [month for m in client.messages(client.topic("modem/stats")) for month in m.json.values()]
+
     retained = real.mqtt(subscribe=client.topic("modem/config"))
     assert retained.wait_for(client.topic("modem/config")).json == {
         "apn": "internet", "interface": MODEM, "method": "auto", "networkId": "", "password": "", "pin": "",
         "username": ""}
+
+
+def legacy_megabytes(counted):
+    """A monthly total as modem/stats has always shown it: 32 bits, signed, two decimals cut toward zero."""
+    signed = (counted + 2**31) % 2**32 - 2**31
+    return int(signed / 1e6 * 100 + 0.5) / 100
 
 
 def stored_ipv4(real, profile):

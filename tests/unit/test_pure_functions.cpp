@@ -6,6 +6,7 @@
 // receive where they are not simply the enumerators' names (gaps, misspellings
 // kept, fallbacks).
 #include "documents/documents.h"
+#include "engine/billingcycle.h"
 #include "engine/datausage.h"
 #include "engine/profilesettings.h"
 #include "ipc/commandintake.h"
@@ -18,6 +19,7 @@
 #include <QtTest>
 
 #include <climits>
+#include <ctime>
 #include <initializer_list>
 
 Q_DECLARE_METATYPE(Tarvik::Config::Ipv4Config)
@@ -173,6 +175,49 @@ private slots:
         QVERIFY(!DataUsage::isExpired("2019-07", now) && !DataUsage::isExpired("2019-02", now));
         // The sixth month before has passed its first day; a group that is not a month goes too.
         QVERIFY(DataUsage::isExpired("2019-01", now) && DataUsage::isExpired("stats", now));
+    }
+
+    void billingCyclesRenewOnTheCycleDayOrTheMonthsLastDay_data()
+    {
+        QTest::addColumn<QDate>("today");
+        QTest::addColumn<int>("cycleDay");
+        QTest::addColumn<QString>("cycle");
+        QTest::newRow("31 before a leap 29 February") << QDate(2028, 2, 28) << 31 << "2028-01-31 2028-02-28";
+        QTest::newRow("31 on a leap 29 February") << QDate(2028, 2, 29) << 31 << "2028-02-29 2028-03-30";
+        QTest::newRow("31 on a common 28 February") << QDate(2027, 2, 28) << 31 << "2027-02-28 2027-03-30";
+        QTest::newRow("31 before a common 28 February") << QDate(2027, 2, 27) << 31 << "2027-01-31 2027-02-27";
+        QTest::newRow("31 in April") << QDate(2027, 4, 30) << 31 << "2027-04-30 2027-05-30";
+        QTest::newRow("30 across February") << QDate(2027, 2, 28) << 30 << "2027-02-28 2027-03-29";
+        QTest::newRow("15 across the year") << QDate(2027, 1, 14) << 15 << "2026-12-15 2027-01-14";
+        QTest::newRow("1 on New Year's Eve") << QDate(2026, 12, 31) << 1 << "2026-12-01 2026-12-31";
+    }
+
+    void billingCyclesRenewOnTheCycleDayOrTheMonthsLastDay()
+    {
+        QFETCH(QDate, today);
+        QFETCH(int, cycleDay);
+        const BillingCycle cycle = BillingCycle::containing(QDateTime(today, QTime(23, 59)), cycleDay);
+        QTEST(cycle.key() + " " + cycle.last.toString(Qt::ISODate), "cycle");
+        QCOMPARE(BillingCycle::firstDayOf(cycle.key()), cycle.first);
+    }
+
+    void billingCyclesFollowTheLocalClockAcrossDaylightSaving()
+    {
+        const bool zoneSet = qEnvironmentVariableIsSet("TZ");
+        const QByteArray zone = qgetenv("TZ");
+        qputenv("TZ", "Europe/Oslo");
+        tzset();
+        const BillingCycle spring = BillingCycle::containing(QDateTime(QDate(2026, 3, 10), QTime(12, 0)), 31);
+        const BillingCycle autumn = BillingCycle::containing(QDateTime(QDate(2026, 10, 10), QTime(12, 0)), 31);
+        const qint64 springHours = spring.start().secsTo(spring.end()) / 3600;
+        const qint64 autumnHours = autumn.start().secsTo(autumn.end()) / 3600;
+        zoneSet ? qputenv("TZ", zone) : qunsetenv("TZ");
+        tzset();
+        // Clocks go forward on 29 March and back on 25 October 2026: 31 days less or more an hour.
+        QCOMPARE(spring.key() + " " + spring.last.toString(Qt::ISODate), QString("2026-02-28 2026-03-30"));
+        QCOMPARE(springHours, 31 * 24 - 1);
+        QCOMPARE(autumn.key() + " " + autumn.last.toString(Qt::ISODate), QString("2026-09-30 2026-10-30"));
+        QCOMPARE(autumnHours, 31 * 24 + 1);
     }
 
     void publishedUsageIsInMegabytesRoundedToTwoDecimals()
