@@ -108,6 +108,7 @@ Config::Config(const QString& fileName, QObject* parent)
     QStringList refused;
     m_dataPlan = readDataPlan(*m_settings, &refused);
     printConfiguration();
+    readHomeAssistant();
     for (const QString& refusal : qAsConst(refused))
         log(Log::Warning, "%s; using the default.", text(refusal).constData());
 }
@@ -132,6 +133,26 @@ const Config::Wifi& Config::wifi() const
 const Config::Modem& Config::modem() const
 {
     return m_modem;
+}
+
+void Config::readHomeAssistant()
+{
+    const QString defaultPrefix = QStringLiteral("homeassistant");
+    m_homeAssistant.enabled = m_settings->value(QStringLiteral("HomeAssistant/enabled"), false).toBool();
+    m_homeAssistant.prefix = m_settings->value(QStringLiteral("HomeAssistant/prefix"), defaultPrefix).toString();
+    m_homeAssistant.nodeId = m_settings->value(QStringLiteral("HomeAssistant/nodeId")).toString();
+    const QString& prefix = m_homeAssistant.prefix;
+    // Published under and subscribed to: no wildcards, no empty levels at its ends.
+    if (prefix.isEmpty() || prefix.contains(QLatin1Char('+')) || prefix.contains(QLatin1Char('#'))
+        || prefix.startsWith(QLatin1Char('/')) || prefix.endsWith(QLatin1Char('/'))) {
+        log(Log::Warning, "HomeAssistant/prefix '%s' is no topic name; using the default.", text(prefix).constData());
+        m_homeAssistant.prefix = defaultPrefix;
+    }
+}
+
+const Config::HomeAssistant& Config::homeAssistant() const
+{
+    return m_homeAssistant;
 }
 
 QString Config::confirmProbe() const

@@ -61,6 +61,14 @@ public:
         int usageSec = 0;
     };
 
+    // Discovery documents for Home Assistant: read on their own, never written.
+    struct HomeAssistant {
+        bool enabled = false;
+        QString prefix;
+        // Empty: the host name.
+        QString nodeId;
+    };
+
     Config(const QString& fileName, QObject* parent);
     ~Config() override;
 
@@ -71,6 +79,7 @@ public:
     // "host:port" whose reachability confirms a change on trial by itself; empty: only a client confirms.
     QString confirmProbe() const;
     const DataPlan& dataPlan() const;
+    const HomeAssistant& homeAssistant() const;
 
     void setMqtt(const Mqtt& mqtt);
     void setEthernet(const Ethernet& ethernet);
@@ -91,6 +100,7 @@ private:
     // Every key of the file, in the file's order, with its default and its field.
     static const QVector<Key>& keys();
     void warnUnlessIni(const QString& path);
+    void readHomeAssistant();
 
     QSettings* m_settings = nullptr;
     Mqtt m_mqtt;
@@ -99,6 +109,7 @@ private:
     Modem m_modem;
     QString m_confirmProbe;
     DataPlan m_dataPlan;
+    HomeAssistant m_homeAssistant;
     const TaggedLog log{"[Config] "};
 };
 

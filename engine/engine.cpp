@@ -8,6 +8,7 @@
 #include "engine/devicekind.h"
 #include "engine/devicepublisher.h"
 #include "engine/devicework.h"
+#include "engine/homeassistantdiscovery.h"
 #include "engine/modemdataport.h"
 #include "engine/usagebudget.h"
 #include "vocabulary/clienttext.h"
@@ -76,6 +77,8 @@ Engine::Engine(const QString& configPath, QObject* parent)
     m_changes = new ConfirmedChanges(m_ipc.get(), m_config.get(), m_work, QStringLiteral("./stats/changes.json"), this);
     m_usage = new UsageBudget(m_ipc.get(), m_config.get(), QStringLiteral("./stats/modem-usage.ini"), this);
     connect(m_usage, &UsageBudget::holdChanged, this, &Engine::onUsageHoldChanged);
+    m_discovery = new HomeAssistantDiscovery(m_ipc.get(), m_config.get(), this);
+    connect(m_usage, &UsageBudget::planChanged, m_discovery, &HomeAssistantDiscovery::refresh);
 
     connect(m_ipc.get(), &IPC::connected, this, &Engine::onIPCConnected);
     connect(m_ipc.get(), &IPC::disconnected, this, &Engine::onIPCDiscconnected);
@@ -125,6 +128,7 @@ void Engine::onIPCConnected(const QString& url)
 {
     log(Log::Info, "IPC Connected to %s", url.toLocal8Bit().constData());
     m_brokerConnected = true;
+    m_discovery->onBrokerConnected();
     reload();
     m_changes->onBrokerConnected();
     m_usage->onBrokerConnected();

@@ -28,6 +28,7 @@ class BurstPublisher;
 class ConfirmedChanges;
 class DaemonPresence;
 class DevicePublisher;
+class HomeAssistantDiscovery;
 class ModemDataPort;
 class UsageBudget;
 struct DeviceKind;
@@ -179,6 +180,7 @@ private:
     ModemDataPort* m_modemDataPort;
     ConfirmedChanges* m_changes;
     UsageBudget* m_usage;
+    HomeAssistantDiscovery* m_discovery;
     bool m_brokerConnected = false;
     bool m_started = false;
     // Once a library has read its daemon, its own signals say when the daemon comes and goes.

@@ -7,6 +7,7 @@
 #include "engine/daemonpresence.h"
 #include "engine/devicekind.h"
 #include "engine/devicepublisher.h"
+#include "engine/homeassistantdiscovery.h"
 #include "engine/pendingcall.h"
 #include "vocabulary/devicestate.h"
 #include "vocabulary/valuenames.h"
@@ -332,11 +333,13 @@ void Engine::onDeviceAdded(const QString& uni)
     log(Log::Info, "Device added: %s (dev=%s, active=%d, managed=%d)", typeText(device->type()).constData(),
         qPrintable(device->interfaceName()), device->isActive() ? 1 : 0, device->managed() ? 1 : 0);
     QTimer::singleShot(deviceSettleDelayMs, Qt::PreciseTimer, this, [this, device]() { reloadDevice(device); });
+    m_discovery->setDevices(HomeAssistantDiscovery::devicesOnBus());
 }
 
 void Engine::onDeviceRemoved(const QString& uni)
 {
     log(Log::Info, "Device removed: %s", qPrintable(uni));
+    m_discovery->setDevices(HomeAssistantDiscovery::devicesOnBus());
 }
 
 void Engine::onDeviceStateChanged(NetworkManager::Device::State newstate, NetworkManager::Device::State oldstate,

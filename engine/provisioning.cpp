@@ -5,6 +5,7 @@
 #include "engine/devicekind.h"
 #include "engine/devicepublisher.h"
 #include "engine/devicework.h"
+#include "engine/homeassistantdiscovery.h"
 #include "engine/profileprovisioning.h"
 #include "engine/usagebudget.h"
 
@@ -32,6 +33,7 @@ void Engine::reload()
             qPrintable(device->interfaceName()), active ? 1 : 0, managed ? 1 : 0);
         reloadDevice(device);
     }
+    m_discovery->setDevices(HomeAssistantDiscovery::devicesOnBus());
 }
 
 void Engine::reloadDevice(NetworkManager::Device::Ptr device)

@@ -92,6 +92,7 @@ void UsageBudget::set(const QJsonObject& payload)
     listenForResume();
     evaluate();
     scheduleCycleCheck();
+    emit planChanged();
 }
 
 void UsageBudget::resume()

@@ -46,6 +46,7 @@ public:
 
 signals:
     void holdChanged(bool held);
+    void planChanged();
 
 private:
     UsageView assess(const BillingCycle& cycle, const QDateTime& now) const;

@@ -16,6 +16,39 @@ namespace {
 constexpr int KeepAliveSeconds = 60;
 constexpr int ConnectTimeoutMs = 10000;
 constexpr int ReconnectDelayMs = 3000;
+
+struct Publication {
+    const char* name;
+    int qos;
+    bool retain;
+};
+
+Publication publicationOf(Topic topic)
+{
+    // Errors are neither kept nor acknowledged; statistics are kept but sent at most once.
+    static const QMap<Topic, Publication> publications {
+        { Topic::Status, { "status", 2, true } },
+        { Topic::Info, { "info", 2, true } },
+        { Topic::Error, { "error", 0, false } },
+        { Topic::EthernetState, { "ethernet/state", 2, true } },
+        { Topic::EthernetConfig, { "ethernet/config", 2, true } },
+        { Topic::WifiState, { "wifi/state", 2, true } },
+        { Topic::WifiConfig, { "wifi/config", 2, true } },
+        { Topic::WifiAccessPoints, { "wifi/aps", 2, true } },
+        { Topic::WifiNetworks, { "wifi/networks", 2, true } },
+        { Topic::ModemState, { "modem/state", 2, true } },
+        { Topic::ModemConfig, { "modem/config", 2, true } },
+        { Topic::ModemSignal, { "modem/signal", 2, true } },
+        { Topic::ModemStats, { "modem/stats", 0, true } },
+        { Topic::ModemUsage, { "modem/usage", 2, true } },
+        { Topic::Transaction, { "transaction", 2, true } },
+        { Topic::Availability, { "availability", 1, true } },
+    };
+    return publications.value(topic);
+}
+
+const QByteArray online = QByteArrayLiteral("online");
+const QByteArray offline = QByteArrayLiteral("offline");
 } // namespace
 
 // IPC declares its own connect() and disconnect() slots, which hide QObject's
@@ -65,6 +98,8 @@ void IPC::connect()
     m_client->setUsername(mqtt.user);
     m_client->setPassword(mqtt.pass);
     m_client->setKeepAlive(KeepAliveSeconds);
+    const Publication availability = publicationOf(Topic::Availability);
+    m_client->setWill(topicOf(Topic::Availability), offline, availability.qos, availability.retain);
     m_client->setAttempt(m_attempts++);
     QObject::connect(m_client, &MqttClient::stateChanged, this, &IPC::onMqttStateChanged);
     QObject::connect(m_client, &MqttClient::messageReceived, this, &IPC::onMqttMessage);
@@ -87,6 +122,9 @@ void IPC::connect()
 void IPC::disconnect()
 {
     log(Log::Info, "Disconnecting from broker.");
+    // Goes out before the DISCONNECT, which keeps the broker from sending the will.
+    if (m_client->state() == MqttClient::Connected)
+        publishAvailability(false);
     m_client->disconnectFromHost();
 }
 
@@ -108,11 +146,15 @@ void IPC::onMqttStateChanged(Tarvik::MqttClient::ClientState state)
         m_connectTimer->stop();
         m_lostRoutePeer.clear();
         log(Log::Info, "Connected.");
+        publishAvailability(true);
+        // A session lost without a word lingers at the broker until its keep-alive runs out; its will then
+        // says "offline" while this one lives.
+        subscribeAt(topicOf(Topic::Availability));
         subscribe("+/get");
         subscribe("+/+/get");
         subscribe("+/+/set");
-        for (const QString& filter : qAsConst(m_extraFilters))
-            subscribe(filter);
+        for (const QString& filter : m_extraFilters + m_watchedFilters)
+            subscribeAt(filter);
         emit connected(m_client->hostname());
         break;
     case MqttClient::Disconnected:
@@ -155,6 +197,21 @@ void IPC::onBrokerHostLookupFailed(const QString& hostname, const QString& reaso
 
 void IPC::onMqttMessage(const QByteArray& message, const QString& topic)
 {
+    if (topic == topicOf(Topic::Availability)) {
+        if (message == offline) {
+            log(Log::Info, "An earlier session's will said offline: online again.");
+            publishAvailability(true);
+        }
+        return;
+    }
+    for (const QString& filter : qAsConst(m_watchedFilters)) {
+        // Including the echo of what tarvik published there itself: not worth a line each.
+        if (MqttClient::topicMatches(filter, topic)) {
+            log(Log::Debug, "Message Received [%s]", topic.toLocal8Bit().constData());
+            emit watchedMessage(topic, message);
+            return;
+        }
+    }
     log(Log::Info, "Message Received [%s]", topic.toLocal8Bit().constData());
     const Command command = parseCommand(topic, message, topicBase());
     log(Log::Debug, "Command : %s", command.name.toLocal8Bit().constData());
@@ -170,18 +227,32 @@ void IPC::onMqttMessage(const QByteArray& message, const QString& topic)
 
 void IPC::subscribe(const QString& filter)
 {
-    const QString fullFilter = topicBase() + "/" + filter;
+    subscribeAt(topicBase() + "/" + filter);
+}
+
+void IPC::subscribeAt(const QString& fullFilter)
+{
     log(Log::Info, "Subscribing to topic [%s].", fullFilter.toLocal8Bit().constData());
     m_client->subscribe(fullFilter, 0);
 }
 
+void IPC::watch(const QString& fullFilter)
+{
+    keepSubscribed(m_watchedFilters, fullFilter);
+}
+
 void IPC::listenFor(const QString& filter)
 {
-    if (m_extraFilters.contains(filter))
+    keepSubscribed(m_extraFilters, topicBase() + "/" + filter);
+}
+
+void IPC::keepSubscribed(QStringList& filters, const QString& fullFilter)
+{
+    if (filters.contains(fullFilter))
         return;
-    m_extraFilters.append(filter);
+    filters.append(fullFilter);
     if (m_client->state() == MqttClient::Connected)
-        subscribe(filter);
+        subscribeAt(fullFilter);
 }
 
 void IPC::unsubscribe(const QString& filter)
@@ -193,7 +264,11 @@ void IPC::unsubscribe(const QString& filter)
 
 void IPC::publish(const QString& topic, const QByteArray& data, int qos, bool retain)
 {
-    const QString fullTopic = topicBase() + "/" + topic;
+    publishAt(topicBase() + "/" + topic, data, qos, retain);
+}
+
+void IPC::publishAt(const QString& fullTopic, const QByteArray& data, int qos, bool retain)
+{
     log(Log::Debug, "Publishing Message");
     log(Log::Debug, "Topic: [%s]", fullTopic.toLocal8Bit().constData());
     log(Log::Debug, "QoS  : %d", qos);
@@ -205,31 +280,19 @@ void IPC::publish(const QString& topic, const QByteArray& data, int qos, bool re
 
 void IPC::publish(Topic topic, const QJsonObject& document)
 {
-    struct Publication {
-        const char* name;
-        int qos;
-        bool retain;
-    };
-    // Errors are neither kept nor acknowledged; statistics are kept but sent at most once.
-    static const QMap<Topic, Publication> publications {
-        { Topic::Status, { "status", 2, true } },
-        { Topic::Info, { "info", 2, true } },
-        { Topic::Error, { "error", 0, false } },
-        { Topic::EthernetState, { "ethernet/state", 2, true } },
-        { Topic::EthernetConfig, { "ethernet/config", 2, true } },
-        { Topic::WifiState, { "wifi/state", 2, true } },
-        { Topic::WifiConfig, { "wifi/config", 2, true } },
-        { Topic::WifiAccessPoints, { "wifi/aps", 2, true } },
-        { Topic::WifiNetworks, { "wifi/networks", 2, true } },
-        { Topic::ModemState, { "modem/state", 2, true } },
-        { Topic::ModemConfig, { "modem/config", 2, true } },
-        { Topic::ModemSignal, { "modem/signal", 2, true } },
-        { Topic::ModemStats, { "modem/stats", 0, true } },
-        { Topic::ModemUsage, { "modem/usage", 2, true } },
-        { Topic::Transaction, { "transaction", 2, true } },
-    };
-    const Publication publication = publications.value(topic);
+    const Publication publication = publicationOf(topic);
     publish(QLatin1String(publication.name), QJsonDocument(document).toJson(), publication.qos, publication.retain);
+}
+
+QString IPC::topicOf(Topic topic) const
+{
+    return topicBase() + QLatin1Char('/') + QLatin1String(publicationOf(topic).name);
+}
+
+void IPC::publishAvailability(bool available)
+{
+    const Publication publication = publicationOf(Topic::Availability);
+    publish(QLatin1String(publication.name), available ? online : offline, publication.qos, publication.retain);
 }
 
 void IPC::publishError(const QString& command, const QString& error)

@@ -31,6 +31,7 @@ enum class Topic {
     ModemStats,
     ModemUsage,
     Transaction,
+    Availability,
 };
 
 // The service's only link to the outside world: one broker session kept alive
@@ -54,12 +55,18 @@ public:
     void publish(const QString& topic, const QByteArray& data, int qos, bool retain);
     // In the indented form, with the topic's own QoS and retain flag.
     void publish(Topic topic, const QJsonObject& document);
+    // The full name of a topic of tarvik's own.
+    QString topicOf(Topic topic) const;
+    // Topics outside the base (another application's convention): published and watched as they are named.
+    void publishAt(const QString& fullTopic, const QByteArray& data, int qos, bool retain);
+    void watch(const QString& fullFilter);
 
 signals:
     void connected(const QString& url);
     void disconnected();
     void error(int code, const QString& descr);
     void commandReceived(const QString& command, const QJsonObject& data);
+    void watchedMessage(const QString& topic, const QByteArray& payload);
 
 public slots:
     void connect();
@@ -80,6 +87,11 @@ private slots:
     void onConnectTimeout();
 
 private:
+    void subscribeAt(const QString& fullFilter);
+    // Subscribes now if the session is up, and at every later connection.
+    void keepSubscribed(QStringList& filters, const QString& fullFilter);
+    // "online" while the session lives; the broker's will says "offline" when it dies.
+    void publishAvailability(bool available);
 
     Config* m_config = nullptr;
     MqttClient* m_client = nullptr;
@@ -90,6 +102,7 @@ private:
     quint16 m_lostRoutePort = 0;
     int m_attempts = 0;
     QStringList m_extraFilters;
+    QStringList m_watchedFilters;
     TaggedLog log{"[IPC] "};
 };
 

@@ -96,6 +96,10 @@ struct MqttClient::Private {
     QString username;
     QString password;
     int keepAlive = 60;
+    QByteArray willTopic;
+    QByteArray willPayload;
+    int willQos = 0;
+    bool willRetain = false;
 
     ClientState state = Disconnected;
     ClientError error = MqttError::NoError;
@@ -107,6 +111,7 @@ struct MqttClient::Private {
     bool ensureHandle();
     void destroyHandle();
     void applyCredentials();
+    void applyWill();
 
     void afterLibraryCall();
     void syncNotifiers();
@@ -165,6 +170,15 @@ void MqttClient::Private::applyCredentials()
         mosquitto_username_pw_set(mosq, nullptr, nullptr);
     else
         mosquitto_username_pw_set(mosq, user.constData(), pass.isEmpty() ? nullptr : pass.constData());
+}
+
+void MqttClient::Private::applyWill()
+{
+    if (willTopic.isEmpty())
+        mosquitto_will_clear(mosq);
+    else
+        mosquitto_will_set(mosq, willTopic.constData(), willPayload.size(), willPayload.constData(), willQos,
+                           willRetain);
 }
 
 void MqttClient::Private::afterLibraryCall()
@@ -395,6 +409,22 @@ void MqttClient::setKeepAlive(int seconds)
     d->keepAlive = seconds;
 }
 
+void MqttClient::setWill(const QString& topic, const QByteArray& payload, int qos, bool retain)
+{
+    d->willTopic = topic.toUtf8();
+    d->willPayload = payload;
+    d->willQos = qos;
+    d->willRetain = retain;
+}
+
+bool MqttClient::topicMatches(const QString& filter, const QString& topic)
+{
+    bool result = false;
+    return mosquitto_topic_matches_sub(filter.toUtf8().constData(), topic.toUtf8().constData(), &result)
+            == MOSQ_ERR_SUCCESS
+        && result;
+}
+
 MqttClient::ClientState MqttClient::state() const
 {
     return d->state;
@@ -420,6 +450,7 @@ void MqttClient::connectToHost()
         return;
     }
     d->applyCredentials();
+    d->applyWill();
     d->error = MqttError::NoError;
     d->refusedByBroker = false;
     d->queueState(Connecting);

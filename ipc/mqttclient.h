@@ -43,6 +43,8 @@ public:
     void setPassword(const QString& password);
     int keepAlive() const;
     void setKeepAlive(int seconds);
+    // What the broker publishes for this client when its session dies without a DISCONNECT (next connection on).
+    void setWill(const QString& topic, const QByteArray& payload, int qos, bool retain);
     // Which of the addresses the host name resolves to this attempt uses (counted
     // round): a name such as localhost may give one the broker does not listen on.
     void setAttempt(int attempt);
@@ -56,6 +58,8 @@ public:
     void disconnectFromHost();
     // Drops the network connection at once, without a DISCONNECT packet.
     void closeTransport();
+
+    static bool topicMatches(const QString& filter, const QString& topic);
 
     bool subscribe(const QString& filter, int qos);
     bool unsubscribe(const QString& filter);

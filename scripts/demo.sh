@@ -49,6 +49,7 @@ In another terminal:
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/wifi/aps/get' -m '{}'
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/modem/state/get' -m '{}'
   mosquitto_sub -h 127.0.0.1 -p $port -v -t '$base/modem/usage'    (5 MB budget: warnings within a minute)
+  mosquitto_sub -h 127.0.0.1 -p $port -v -t 'homeassistant/#'      (what Home Assistant would discover)
   mosquitto_pub -h 127.0.0.1 -p $port -t '$base/ethernet/config/set' \\
       -m '{"interface":"eth0","method":"manual","address":"192.168.1.50","netmask":"255.255.255.0","gateway":"192.168.1.1","dns0":"192.168.1.1"}'
 Configuration file: $workdir/tarvik.conf   (Ctrl-C stops the demo)

@@ -119,8 +119,10 @@ CHANGES = {'demo': demo_changes}
 
 # Configuration that goes with a scenario (besides the broker settings of the world).
 CONFIGS = {
-    # A budget small enough for its warnings to show within a minute of the demo.
-    'demo': {'Wifi': {'ssid': 'HomeNet', 'key': DEMO_WIFI_KEY}, 'Modem': {'limitMB': 5, 'usageSec': 10}},
+    # A budget small enough for its warnings to show within a minute of the demo; the gateway announced to
+    # Home Assistant.
+    'demo': {'Wifi': {'ssid': 'HomeNet', 'key': DEMO_WIFI_KEY}, 'Modem': {'limitMB': 5, 'usageSec': 10},
+             'HomeAssistant': {'enabled': 'true'}},
 }
 
 __all__ = ['ethernet', 'wifi', 'modem', 'demo', 'empty', 'SCENARIOS', 'CHANGES', 'CONFIGS', 'ipv4_setting']

@@ -62,13 +62,15 @@ class Contract:
     def observe(self, client, direction, topic, payload, qos, retain):
         '''Given to the MQTT test client: a command off the contract fails the test that sends it at once; a
         document off the contract is kept for take_violations().'''
-        relative = topic[len(client.base) + 1:] if topic.startswith(client.base + '/') else None
+        if not topic.startswith(client.base + '/'):
+            return  # another application's topics (Home Assistant's discovery)
+        relative = topic[len(client.base) + 1:]
         if direction == 'sent':
             self._sent.add(topic)
             if not isinstance(payload, OffContract):
                 problem = self.check_command(topic, relative, payload)
                 assert problem is None, 'command off the contract: %s\n  payload: %r' % (problem, payload)
-        elif relative is not None and topic not in self._sent:
+        elif topic not in self._sent:
             try:
                 problem = self.check_document(topic, relative, payload, qos, retain)
             except Exception as error:  # noqa: BLE001  (an exception would end the client's network thread)
@@ -95,7 +97,7 @@ class Contract:
             return '%s: arrived with QoS %d, retained %s; the contract says QoS %d, retained %s' % (
                 topic, qos, retain, channel.mqtt['qos'], channel.mqtt['retain'])
         try:
-            document = json.loads(payload)
+            document = payload.decode() if channel.message.get('contentType') == 'text/plain' else json.loads(payload)
         except ValueError as error:
             return '%s: not JSON: %s' % (topic, error)
         return self.problem(topic, channel, document)

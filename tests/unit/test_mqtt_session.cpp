@@ -27,7 +27,10 @@ namespace {
 constexpr int Deadline = 10000;
 // The reconnect delay is 3000 ms on a precise timer; allow for the clock's grain.
 constexpr int ReconnectDelayFloor = 2950;
-const QStringList subscribing{"[IPC] Subscribing to topic [tolv/network/+/get].",
+// What a session does first: says tarvik is online, then subscribes to the command filters.
+const QStringList subscribing{"[IPC] Publishing Message", "[IPC] Topic: [tolv/network/availability]",
+    "[IPC] QoS  : 1", "[IPC] Retn : true", "[IPC] Data : [online]",
+    "[IPC] Subscribing to topic [tolv/network/availability].", "[IPC] Subscribing to topic [tolv/network/+/get].",
     "[IPC] Subscribing to topic [tolv/network/+/+/get].", "[IPC] Subscribing to topic [tolv/network/+/+/set]."};
 
 // The first arguments of the signals a spy recorded, as numbers.
