@@ -219,3 +219,19 @@ def test_other_devices_get_no_profile_across_reloads(real, start):
     profiles = [real.nm.connection_settings(path)["connection"]["id"] for path in real.nm.connections()]
     state_changes = real.nm.bus_log()[since:].count((device, "StateChanged"))
     assert (profiles, state_changes, real.nm.device_state(device)) == ([PROFILE], 0, 30)
+
+
+def test_the_cut_off_keeps_the_modem_down_until_a_resume(real, start):
+    """The budget (a kilobyte, long used up) holds the modem down: the daemon blocks its autoconnect after the
+    disconnect, and a resume has tarvik activate it again."""
+    device = real.nm.wait_for_device(MODEM, 100)
+    tarvik, client = start({"Modem": {"usageSec": 1, "limitMB": 0.001, "limitAction": "disconnect"}})
+    tarvik.wait_for_log(r"\[Modem\] Data budget used up: disconnecting cdc-wdm0\.")
+    real.nm.wait_for_device(MODEM, 30)
+    assert not real.nm.get(device, f"{NM}.Device", "Autoconnect")
+
+    client.command("modem/usage/resume", {})
+    tarvik.wait_for_log(rf"\[Modem\] Connection '{PROFILE}' not active\. Activating\.")
+    real.nm.wait_for_device(MODEM, 100, timeout=30)
+    client.wait_for(client.topic("modem/usage"), predicate=lambda m: m.json["budgetBytes"] == 1000
+                    and m.json["state"] == "limitReached" and not m.json["cutOff"])
